@@ -1,0 +1,31 @@
+/*
+ * The tick clock: 24 MHz ticks of CLOCK_MONOTONIC.
+ *
+ * Daemon, client library and trace library all measure in these ticks, and this is the one definition. A C header,
+ * because apps in C include it too; it is installed beside quorvix.h.
+ */
+#ifndef QUORVIX_TICKS_H
+#define QUORVIX_TICKS_H
+
+#include <stdint.h>
+#include <time.h>
+
+#define QUORVIX_TICKS_PER_SECOND 24000000u
+/* One tick is 125/3 nanoseconds. */
+#define QUORVIX_TICK_RATIO_NUMERATOR 125u
+#define QUORVIX_TICK_RATIO_DENOMINATOR 3u
+
+/* floor(total nanoseconds * 3 / 125), computed from the parts: no 64-bit overflow and no 128-bit division. Exact,
+ * because 10^9 * 3 / 125 is a whole number. */
+static inline uint64_t quorvix_ticks_from_timespec(struct timespec time) {
+    return (uint64_t)time.tv_sec * QUORVIX_TICKS_PER_SECOND + (uint64_t)time.tv_nsec * 3u / 125u;
+}
+
+/* The clock now. Served by the vDSO: no system call. */
+static inline uint64_t quorvix_ticks_now(void) {
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return quorvix_ticks_from_timespec(time);
+}
+
+#endif
