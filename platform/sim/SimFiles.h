@@ -1,0 +1,70 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Files.h"
+#include "platform/sim/Faults.h"
+
+namespace quorvix::sim {
+
+// A file tree in memory with the errors of the real one. A descriptor it gives out is a real one (of a memfd), because
+// a trace library writes to it: the file's content is what was written there, at any time. Files that are unlinked
+// while open live on until they are closed. One thread.
+class SimFiles : public Files {
+public:
+    SimFiles();
+    ~SimFiles() override;
+    SimFiles(const SimFiles&) = delete;
+    SimFiles& operator=(const SimFiles&) = delete;
+
+    Result<FileStatus> status(std::string_view path) override;
+    Result<void> unlink(std::string_view path) override;
+    Result<void> makeDirectory(std::string_view path, std::uint32_t mode) override;
+    Result<int> createFile(const FileLocation& file, std::uint32_t mode, int protectionClass) override;
+    Result<void> unlinkFile(const FileLocation& file) override;
+    Result<void> moveFile(const FileLocation& from, const FileLocation& to) override;
+    void close(int descriptor) override;
+
+    // Sets the scene: parents are made, what stands at the path is replaced (a directory by a directory stays).
+    void addDirectory(std::string_view path);
+    void addFile(std::string_view path, std::string_view content = {});
+
+    bool exists(std::string_view path) const;
+    // A file's content; nothing when there is no such file.
+    std::optional<std::string> read(std::string_view path) const;
+    // Permission bits as asked for; nothing when there is no such entry.
+    std::optional<std::uint32_t> mode(std::string_view path) const;
+    // Protection class the file was created with; nothing when there is no such file.
+    std::optional<int> protectionClass(std::string_view path) const;
+    // Names in a directory, sorted.
+    std::vector<std::string> list(std::string_view path) const;
+    // Where each descriptor that is still open was created; a leak shows here.
+    std::vector<std::string> openFiles() const;
+    // A close of what is not open here.
+    std::uint64_t wrongCloses() const { return wrongCloses_; }
+
+    // Fails calls by method name; a failed call changes nothing.
+    Faults faults;
+
+private:
+    struct Node;
+    using NodePointer = std::shared_ptr<Node>;
+    struct OpenFile {
+        std::string path;
+        NodePointer node;
+    };
+
+    Result<NodePointer> find(std::string_view path) const;
+    Result<NodePointer> findDirectory(std::string_view path) const;
+    NodePointer makeParents(std::string_view path, std::string& name);
+
+    NodePointer root_;
+    std::map<int, OpenFile> open_;
+    std::uint64_t wrongCloses_ = 0;
+};
+
+}  // namespace quorvix::sim
