@@ -210,7 +210,7 @@ std::string formatText(std::type_identity_t<FormatString<FormatArgument<Args>...
     std::string out;
     out.reserve(text.size() + 16 * sizeof...(args));
     std::size_t at = text_format::appendLiteral(out, text, 0);
-    const auto append = [&](const auto& value) {
+    [[maybe_unused]] const auto append = [&](const auto& value) {
         const text_format::Conversion conversion = text_format::readConversion(text.substr(at));
         text_format::appendConverted(out, conversion, value);
         at = text_format::appendLiteral(out, text, at + conversion.length);

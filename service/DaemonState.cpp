@@ -1,0 +1,50 @@
+#include "service/DaemonState.h"
+
+#include "hang/HangState.h"
+#include "hang/QXProcessInfo.h"
+#include "service/ServiceState.h"
+
+namespace quorvix {
+
+namespace {
+
+JsonObject settingsObject() {
+    const Settings& current = settings();
+    return {
+        {"internalBuild", current.internalBuild},
+        {"hangTracingEnabled", current.hangTracingEnabled},
+        {"memoryLoggingEnabled", current.memoryLoggingEnabled},
+        {"appActivationLoggingEnabled", current.appActivationLoggingEnabled},
+        {"swivexEnabled", current.swivexEnabled},
+        {"hudEnabled", current.hudEnabled},
+        {"memoryLoggingIntervalSeconds", current.memoryLoggingInterval},
+        {"reportPeriodTicks", current.reportPeriodTicks},
+        {"maxActivationCount", current.maxActivationCount},
+        {"cpuUtilizationThresholdMs", current.cpuUtilizationThreshold},
+    };
+}
+
+}  // namespace
+
+JsonObject daemonState() {
+    const HangState& hangs = hangState();
+    JsonArray watched;
+    for (const auto& process : hangs.watchedProcesses) {
+        watched.push_back(JsonObject{{"pid", process->pid()},
+                                     {"name", process->processName()},
+                                     {"path", process->processPath()},
+                                     {"credits", process->appCredit()}});
+    }
+    JsonObject appCredits;
+    for (const auto& [name, credits] : hangs.appCredits) appCredits.add(name, credits);
+    return {
+        {"settings", settingsObject()},
+        {"watched", std::move(watched)},
+        {"appCredits", std::move(appCredits)},
+        {"dailyCredits", JsonObject{{"left", hangs.dailyLogCredits}, {"limit", hangs.maxDailyLogs}}},
+        {"counters", JsonObject{{"hangs", JsonObject{{"regionFaults", hangs.regionFaults},
+                                                     {"displayClearsDropped", hangs.displayClearsDropped}}}}},
+    };
+}
+
+}  // namespace quorvix

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "platform/WorkQueue.h"
+
+namespace quorvix {
+
+// What the preferences decide. Written by refreshPreferences, read by every subsystem. The activation subsystem reads
+// maxActivationCount and cpuUtilizationThreshold from queues of its own.
+struct Settings {
+    bool internalBuild = false;
+    bool hangTracingEnabled = false;
+    bool memoryLoggingEnabled = false;
+    bool appActivationLoggingEnabled = false;
+    bool swivexEnabled = false;
+    bool hudEnabled = false;
+    std::uint32_t memoryLoggingInterval = 3600;     // seconds
+    std::uint64_t reportPeriodTicks = 86400000000;  // credits come back every quarter of it: 900 s
+    std::uint32_t maxActivationCount = 200;
+    double cpuUtilizationThreshold = 50.0;  // milliseconds of CPU time
+    std::unique_ptr<RepeatingTimer> hangCheckTimer;
+    std::unique_ptr<RepeatingTimer> memoryLoggingTimer;
+    std::uint64_t lastCreditRefillTicks = 0;
+    std::uint64_t dailyPeriodStartTicks = 0;  // 0: no check has run yet
+};
+
+// The settings in force. On daemonQueue.
+Settings& settings();
+
+// Defaults of internal installs, written into the preferences once at start-up, before daemonQueue exists.
+void checkPreferences();
+
+// Applies every preference: switches the three sources and their timers on and off and takes over the limits. Ends the
+// process when all three sources are off. On daemonQueue; the first call is made on the main thread before any handler
+// can run.
+void refreshPreferences();
+
+// (Re)arms memoryLoggingTimer, where it exists, from memoryLoggingInterval.
+void scheduleMemoryLoggingTimer();
+
+// One 5-second tick: gives credits back when due, resets the day when due, looks for hangs. On daemonQueue.
+void hangCheckTick();
+
+}  // namespace quorvix
