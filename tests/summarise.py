@@ -17,6 +17,7 @@ from pathlib import Path
 
 KEPT_OUTPUT_BYTES = 20000
 DEFAULT_TIMEOUT_SECONDS = 600
+SANITIZER_LINE = re.compile(r": runtime error: |(?:ERROR|WARNING): \w+Sanitizer: ")
 
 
 class Group:
@@ -145,8 +146,15 @@ def run_listed_test(group, test, arguments):
         group.passed += 1
     else:
         group.fail(f"{label}: {ending(status)}", output)
+    count_printed_findings(group, label, output, counted[1])
     own = [now - then for now, then in zip((group.passed, group.failed, group.skipped), counted)]
     print(f"  {label}: {counts(*own)} ({time.monotonic() - before:.1f} s)", flush=True)
+
+
+def count_printed_findings(group, label, output, failed_before):
+    """The undefined-behaviour sanitizer prints into the output even where it was told to write to a file."""
+    if group.failed == failed_before and SANITIZER_LINE.search(output):
+        group.fail(f"{label}: a sanitizer found something", output)
 
 
 def count_sanitizer_findings(group, results):
@@ -163,6 +171,7 @@ def run_command(arguments):
         group.passed += 1
     else:
         group.fail(f"{arguments.name}: {ending(status)}", output)
+    count_printed_findings(group, arguments.name, output, 0)
     count_sanitizer_findings(group, arguments.results)
     group.write(arguments.results)
 
@@ -187,6 +196,7 @@ def run_reporting_command(arguments):
             group.fail(f"{arguments.name}: {ending(status)}", output)
         elif group.passed == 0:
             group.fail(f"{arguments.name}: ran no test", output)
+    count_printed_findings(group, arguments.name, output, 0)
     count_sanitizer_findings(group, arguments.results)
     group.write(arguments.results)
 

@@ -72,6 +72,10 @@ class Summarise(unittest.TestCase):
         self.assertEqual(self.last_line_and_status(), ("1 passed, 1 failed", 1))
         self.assertIn("heap-use-after-free", self.call("total").stdout)
 
+    def test_a_sanitizer_line_in_the_output_counts_as_failed(self):
+        self.google_test(self.report(("A", "pass")) + "echo 'a.cpp:9:79: runtime error: signed integer overflow'\n")
+        self.assertEqual(self.last_line_and_status(), ("1 passed, 1 failed", 1))
+
     def test_a_binary_that_is_not_there_counts_as_failed(self):
         (self.folder / "CTestTestfile.cmake").write_text(f'add_test(small "{self.folder}/gone_tests")\n')
         self.call("binaries", "--name", "fake", "--build", self.folder)
