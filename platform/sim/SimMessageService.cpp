@@ -65,6 +65,9 @@ public:
         }
     }
 
+    // The simulated world ends: what the handler holds, this connection as a rule, goes.
+    void dropHandler() { const MessageHandler dropped = std::exchange(handler_, nullptr); }
+
     bool holdsHandler() const { return handler_ != nullptr; }
     bool over() const { return over_; }
     std::uint64_t waiting() const { return pending_.size(); }
@@ -211,6 +214,12 @@ bool SimClient::daemonHoldsHandler() const { return connection_->holdsHandler();
 ObjectId SimMessageService::typeIdOf(MessageEventKind kind) {
     // Far from the numbers of objects, which count up from 1.
     return {0x1000000 + static_cast<std::uint64_t>(kind)};
+}
+
+SimMessageService::~SimMessageService() {
+    for (const auto& weak : connections_) {
+        if (const auto connection = weak.lock()) connection->dropHandler();
+    }
 }
 
 std::shared_ptr<MessageListener> SimMessageService::makeListener(std::string_view endpoint,

@@ -70,6 +70,11 @@ private:
 // same in every run. Used on one thread; owned by the test and outlives the daemon's use of it.
 class SimMessageService final : public MessageService {
 public:
+    SimMessageService() = default;
+    ~SimMessageService() override;
+    SimMessageService(const SimMessageService&) = delete;
+    SimMessageService& operator=(const SimMessageService&) = delete;
+
     // What "%p" shows of each kind's type.
     static ObjectId typeIdOf(MessageEventKind kind);
 
