@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -35,7 +36,18 @@ public:
 
     // What runs on `queue` when the process is asked to terminate. Set before runMain.
     void setTerminationHandler(std::shared_ptr<WorkQueue> queue, Work handler);
+    // One object a queue, by label: turns taken, and the most work that ever waited.
     JsonObject selfCounters() const;
+
+private:
+    LinuxLifecycle* lifecycle_;
+    sigset_t maskBefore_;
+    std::shared_ptr<WorkQueue> terminationQueue_;
+    Work terminationHandler_;
+
+    mutable std::mutex mutex_;
+    std::vector<std::shared_ptr<LinuxWorkQueue>> queues_;
+    bool started_ = false;
 };
 
 }  // namespace quorvix::linuxos

@@ -1,13 +1,13 @@
 #pragma once
 
-#include <pthread.h>
-
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -65,6 +65,84 @@ public:
 
 private:
     friend class LinuxQueueService;
+    class Timer;
+    class Watch;
+    struct TimerState;
+    struct WatchState;
+    // Work that waits for a moment; `due` is nanoseconds of the clock that its list belongs to.
+    struct OneShot {
+        std::chrono::nanoseconds due;
+        std::uint64_t sequence;
+        Work work;
+    };
+    // A due one-shot or, where `timer` is set, a due timer.
+    struct Firing {
+        std::chrono::nanoseconds due;
+        std::uint64_t sequence;
+        Work work;
+        std::shared_ptr<TimerState> timer;
+    };
+    struct Slot {
+        std::uint32_t generation = 0;
+        std::shared_ptr<WatchState> watch;
+    };
+
+    // The service's part.
+    void startThread();
+    void stopThread();
+    void dropPending();
+
+    void run();
+    void runPosted();
+    void fireMonotonic();
+    void fireWall();
+    void fireTimer(TimerState& timer, std::chrono::nanoseconds now);
+    void armMonotonic();
+    void armWall();
+    std::optional<std::chrono::nanoseconds> nextWakeUp() const;
+    void waitForEvents();
+    void dispatchEvent(std::uint64_t data, std::uint32_t events);
+    void dispatchWatch(std::uint64_t data, std::uint32_t events);
+    void releaseSlot(std::uint32_t index);
+    void addOneShot(std::vector<OneShot>& added, std::chrono::nanoseconds due, Work work);
+    // Moves what was added to the thread's own list.
+    static void absorb(std::vector<OneShot>& added, std::vector<OneShot>& oneShots);
+    // Takes all that is due at `now` from a list to firing_.
+    void takeDue(std::vector<OneShot>& oneShots, std::chrono::nanoseconds now);
+    void wakeLocked();
+    bool mayUseSources() const noexcept;
+
+    const std::string label_;
+    const QualityOfService quality_;
+    int epoll_ = -1;
+    int wakeUp_ = -1;
+    int monotonicTimer_ = -1;
+    int wallTimer_ = -1;
+    std::thread thread_;
+    std::atomic<std::thread::id> threadId_{};
+
+    mutable std::mutex mutex_;
+    // Guarded by mutex_: what other threads hand over, taken once a turn.
+    std::vector<Work> posted_;
+    std::vector<OneShot> addedMonotonic_;
+    std::vector<OneShot> addedWall_;
+    std::uint64_t nextSequence_ = 1;
+    std::uint64_t pendingHighWater_ = 0;
+    bool asleep_ = false;
+    bool stopping_ = false;
+
+    // The thread's own, or everybody's while it does not run.
+    std::vector<Work> batch_;
+    // Heaps, the earliest first.
+    std::vector<OneShot> monotonicOneShots_;
+    std::vector<OneShot> wallOneShots_;
+    std::vector<Firing> firing_;
+    std::vector<std::shared_ptr<TimerState>> timers_;
+    std::vector<Slot> slots_;
+    std::vector<std::uint32_t> freeSlots_;
+    std::optional<std::chrono::nanoseconds> monotonicArmed_;
+    std::optional<std::chrono::nanoseconds> wallArmed_;
+    std::atomic<std::uint64_t> turns_{0};
 };
 
 }  // namespace quorvix::linuxos
