@@ -1,0 +1,156 @@
+#include "ctl/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <ostream>
+
+#include "ctl/PreferencesCommand.h"
+#include "ctl/StateReport.h"
+#include "ctl/StateSocket.h"
+
+namespace quorvix::ctl {
+
+namespace {
+
+constexpr std::size_t kMaximumNotificationName = 255;
+
+bool isNotificationName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.size() <= kMaximumNotificationName &&
+           name.find('/') == std::string::npos;
+}
+
+ExitStatus notify(const std::string& name, const ToolServices& services) {
+    if (!isNotificationName(name)) {
+        services.error << "quorvixctl: a notification is a name such as com.norvane.da.tasking_changed: at most "
+                       << kMaximumNotificationName << " bytes, without \"/\"\n";
+        return ExitStatus::usage;
+    }
+    if (const Result<void> posted = services.post(name); !posted) {
+        services.error << "quorvixctl: " << printable(name) << " could not be posted: " << posted.error().text()
+                       << "\n";
+        return ExitStatus::failed;
+    }
+    return ExitStatus::done;
+}
+
+std::string stateFailure(ErrorCode error, const std::string& path) {
+    switch (error.value) {
+        case ENOENT:
+        case ECONNREFUSED:
+            return "quorvixd is not running (nothing listens at " + path +
+                   "). It ends by itself while everything is switched off: see \"quorvixctl prefs list\"";
+        case EACCES:
+        case EPERM: return "only root may read quorvixd's state (" + path + ")";
+        case ETIMEDOUT: return "quorvixd did not give its state in time";
+        default: return "quorvixd's state could not be read from " + path + ": " + error.text();
+    }
+}
+
+ExitStatus status(bool asJson, const ToolServices& services) {
+    const Result<std::string> document = readState(services.statePath);
+    if (!document) {
+        services.error << "quorvixctl: " << stateFailure(document.error(), services.statePath) << "\n";
+        return ExitStatus::failed;
+    }
+    const std::optional<std::string> report = stateReport(*document);
+    if (!report) {
+        services.error << "quorvixctl: what quorvixd gave as its state is not a JSON object\n";
+        return ExitStatus::failed;
+    }
+    services.out << (asJson ? *document : *report);
+    if (asJson && !document->ends_with('\n')) services.out << '\n';
+    return ExitStatus::done;
+}
+
+// The parser, what it fills, and what the chosen command then runs.
+class CommandLine {
+public:
+    explicit CommandLine(const ToolServices& services) : services_(services), preferences_(services) {
+        app_.require_subcommand(1);
+        addPreferences();
+        addNotify();
+        addStatus();
+    }
+
+    ExitStatus run(std::vector<std::string> arguments) {
+        std::ranges::reverse(arguments);  // the parser takes them last first
+        try {
+            app_.parse(std::move(arguments));
+        } catch (const CLI::ParseError& error) {
+            // A question for help arrives as such an error too, with status 0.
+            const int code = app_.exit(error, services_.out, services_.error);
+            return code == 0 ? ExitStatus::done : ExitStatus::usage;
+        }
+        return action_();
+    }
+
+private:
+    void addPreferences() {
+        CLI::App* group = app_.add_subcommand("prefs", "Reads and changes quorvixd's preferences");
+        group->require_subcommand(1);
+
+        CLI::App* get = group->add_subcommand("get", "Prints one value");
+        addKey(get);
+        get->callback([this] { action_ = [this] { return preferences_.get(request_); }; });
+
+        CLI::App* set = group->add_subcommand("set", "Sets one value and tells quorvixd");
+        addKey(set);
+        set->add_option("VALUE", value_, "The value; a negative number after \"--\"")->required();
+        set->add_option("--type", kindName_, "bool, int, uint, real or string; for an unknown key")
+            ->check(CLI::IsMember({"bool", "int", "uint", "real", "string"}));
+        addNotifyFlag(set);
+        set->callback([this] {
+            if (!kindName_.empty()) request_.kind = kindNamed(kindName_);
+            action_ = [this] { return preferences_.set(request_, value_); };
+        });
+
+        CLI::App* unset = group->add_subcommand("unset", "Removes one key and tells quorvixd");
+        addKey(unset);
+        addNotifyFlag(unset);
+        unset->callback([this] { action_ = [this] { return preferences_.unset(request_); }; });
+
+        CLI::App* list = group->add_subcommand("list", "Prints every known key and what else is stored");
+        list->add_option("--domain", request_.domain, "Only this domain");
+        list->callback([this] { action_ = [this] { return preferences_.list(request_.domain); }; });
+    }
+
+    void addKey(CLI::App* command) {
+        command->add_option("KEY", request_.key, "The key; \"prefs list\" prints the known ones")->required();
+        command->add_option("--domain", request_.domain, "The domain; known keys have their own");
+        command->add_flag("--force", request_.force, "Takes keys and domains that quorvixd does not read");
+    }
+
+    void addNotifyFlag(CLI::App* command) {
+        command->add_flag("!--no-notify", request_.notify, "Does not tell quorvixd of the change");
+    }
+
+    void addNotify() {
+        CLI::App* command = app_.add_subcommand("notify", "Posts a notification");
+        command->add_option("NAME", value_, "Its name")->required();
+        command->callback([this] { action_ = [this] { return notify(value_, services_); }; });
+    }
+
+    void addStatus() {
+        CLI::App* command = app_.add_subcommand("status", "Shows what quorvixd watches, its credits and counters");
+        command->add_flag("--json", asJson_, "As the JSON document that quorvixd gives");
+        command->callback([this] { action_ = [this] { return status(asJson_, services_); }; });
+    }
+
+    const ToolServices& services_;
+    PreferencesCommand preferences_;
+    CLI::App app_{"The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood.", "quorvixctl"};
+    PreferenceRequest request_;
+    std::string value_;
+    std::string kindName_;
+    bool asJson_ = false;
+    std::function<ExitStatus()> action_;
+};
+
+}  // namespace
+
+ExitStatus runCommandLine(std::vector<std::string> arguments, const ToolServices& services) {
+    return CommandLine(services).run(std::move(arguments));
+}
+
+}  // namespace quorvix::ctl

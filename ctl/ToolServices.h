@@ -1,0 +1,27 @@
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+#include "platform/Preferences.h"
+#include "platform/Result.h"
+
+namespace quorvix::ctl {
+
+// What the commands work on: main gives the real things, the tests simulated ones. All of it outlives the commands.
+struct ToolServices {
+    // Takes what is set. Read and written by the two below, which say why they fail.
+    PreferencesStore& preferences;
+    // Every key of a domain; none when it has no list. EINVAL: the list is damaged.
+    std::function<Result<PropertyListDictionary>(const PreferenceDomain&)> readDomain;
+    std::function<Result<void>(const PreferenceDomain&)> writeDomain;
+    std::function<Result<void>(std::string_view notification)> post;
+    // The daemon's state socket.
+    std::string statePath;
+    std::ostream& out;
+    std::ostream& error;
+};
+
+}  // namespace quorvix::ctl
