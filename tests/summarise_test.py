@@ -90,6 +90,10 @@ class Summarise(unittest.TestCase):
         self.call("command", "--name", "slow", "--timeout", "0.2", "--", "sleep", "30")
         self.assertEqual(self.last_line_and_status(), ("0 passed, 1 failed", 1))
 
+    def test_a_check_that_could_not_check_counts_as_skipped(self):
+        self.call("command", "--name", "tool", "--", "sh", "-c", "exit 77")
+        self.assertEqual(self.last_line_and_status(), ("0 passed, 0 failed, 1 skipped", 1))
+
     def test_a_report_is_taken_over(self):
         self.reporting('{"passed": 3, "failed": 2, "skipped": 1}', 1)
         self.assertEqual(self.last_line_and_status(), ("3 passed, 2 failed, 1 skipped", 1))

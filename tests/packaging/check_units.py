@@ -1,0 +1,86 @@
+#!/usr/bin/env python3
+"""Checks the units of packaging/: systemd's own verification, and the folders that tmpfiles makes, in a temporary root.
+Prints what it could not check for want of a tool, and exits with 77 when that was everything."""
+import os
+import shutil
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+PACKAGING = Path(__file__).resolve().parents[2] / "packaging"
+UNITS = ("quorvixd.service", "quorvixd.path", "quorvixd.socket")
+TMPFILES = PACKAGING / "tmpfiles.d" / "quorvixd.conf"
+
+
+def lines_of(unit, key):
+    return [line.partition("=")[2] for line in (PACKAGING / unit).read_text().splitlines() if line.startswith(key + "=")]
+
+
+class Units(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = Path(folder.name)
+
+    def test_the_path_unit_can_not_loop(self):
+        text = (PACKAGING / "quorvixd.path").read_text()
+        self.assertEqual(len(lines_of("quorvixd.path", "PathChanged")), 3)
+        for key in ("PathExists", "PathExistsGlob", "DirectoryNotEmpty", "PathModified"):
+            self.assertNotIn(key + "=", text)
+
+    def test_the_daemon_is_not_started_by_its_clients(self):
+        self.assertNotIn("quorvixd.socket", " ".join(lines_of("quorvixd.service", "Also")))
+        self.assertEqual(lines_of("quorvixd.service", "Requires") + lines_of("quorvixd.service", "Wants"), [])
+
+    def test_ending_with_everything_off_is_not_a_failure(self):
+        self.assertEqual(lines_of("quorvixd.service", "Restart"), ["on-failure"])
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
+    def test_systemd_accepts_the_units(self):
+        # Copies whose program is one that exists here: that the daemon is not installed is no fault of the unit.
+        for unit in UNITS:
+            text = (PACKAGING / unit).read_text().replace("/usr/sbin/quorvixd", "/bin/true")
+            (self.root / unit).write_text(text)
+        result = subprocess.run(["systemd-analyze", "verify", "--man=no", *(self.root / unit for unit in UNITS)],
+                                env={**os.environ, "SYSTEMD_UNIT_PATH": f"{self.root}:"}, capture_output=True, text=True,
+                                check=False)
+        complaints = [line for line in result.stderr.splitlines() if "quorvixd" in line]
+        self.assertEqual(complaints, [])
+        self.assertEqual(result.returncode, 0, result.stderr)
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
+    def test_the_verification_finds_a_fault(self):
+        (self.root / "bad.service").write_text("[Service]\nExecStart=/bin/true\nRestart=sometimes\n")
+        result = subprocess.run(["systemd-analyze", "verify", "--man=no", self.root / "bad.service"], capture_output=True,
+                                text=True, check=False)
+        self.assertIn("sometimes", result.stderr)
+
+    @unittest.skipUnless(shutil.which("systemd-tmpfiles") and os.geteuid() == 0, "needs systemd-tmpfiles and root")
+    def test_tmpfiles_makes_the_folders_and_empties_tmp_only(self):
+        self.tmpfiles("--create")
+        self.assertEqual(self.mode("var/root/Library/Caches"), 0o700)
+        self.assertEqual(self.mode("run/vex/notify"), 0o755)
+        self.assertEqual(self.mode("var/lib/quorvix"), 0o700)
+        reports = self.root / "var/root/Library/Caches/quorvixd"
+        (reports / "tmp/half").write_text("")
+        (reports / "spool/whole").write_text("")
+        self.tmpfiles("--remove", "--create", "--prefix=/var/root/Library/Caches/quorvixd/tmp")
+        self.assertEqual(list((reports / "tmp").iterdir()), [])
+        self.assertTrue((reports / "spool/whole").exists())
+
+    def tmpfiles(self, *arguments):
+        result = subprocess.run(["systemd-tmpfiles", f"--root={self.root}", *arguments, TMPFILES], capture_output=True,
+                                text=True, check=False)
+        self.assertEqual(result.returncode, 0, result.stderr)
+
+    def mode(self, name):
+        return stat.S_IMODE((self.root / name).stat().st_mode)
+
+
+if __name__ == "__main__":
+    result = unittest.main(exit=False).result
+    failed = len(result.failures) + len(result.errors)
+    sys.exit(1 if failed else 77 if result.testsRun == len(result.skipped) else 0)
