@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/Descriptor.h"
 #include "platform/linux/FileName.h"
 #include "platform/linux/Folders.h"
 #include "platform/linux/PropertyListFile.h"
@@ -56,8 +56,7 @@ Result<void> writeAll(int descriptor, std::string_view text) {
 Result<void> writeTemporary(int folder, const std::string& name, const std::string& replaces, std::string_view text) {
     // Left by a writer that was killed; the lock tells us that it is nobody's now.
     ::unlinkat(folder, name.c_str(), 0);
-    const FileDescriptor file(
-        ::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    const Descriptor file(::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file) return ErrorCode{errno};
     mode_t mode = 0644;
     struct stat old {};
@@ -117,11 +116,11 @@ Result<PreferencesEditOutcome> editPreferencesFile(const PreferencesPlace& place
                                                    const std::function<void(PropertyListDictionary&)>& edit) {
     if (const int error = preferencesDomainError(place.domain); error != 0) return ErrorCode{error};
     if (const Result<void> made = makeFolders(place.folder, 0755); !made) return made.error();
-    const FileDescriptor folder(::open(place.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Descriptor folder(::open(place.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder) return ErrorCode{errno};
     // Readable by its owner only, or anyone could hold the lock and keep the writers out.
     const std::string lockName = "." + place.domain + ".lock";
-    const FileDescriptor lockFile(
+    const Descriptor lockFile(
         ::openat(folder.get(), lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
     if (!lockFile) return ErrorCode{errno};
     if (const Result<void> locked = lock(lockFile.get()); !locked) return locked.error();

@@ -4,14 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/Descriptor.h"
 #include "platform/linux/PropertyListFile.h"
 
 namespace quorvix::linuxos {
 
 Result<PropertyListOnDisk> readPropertyListFile(const std::string& path) {
     // Not blocking, so that a pipe in the file's place does not stop us at the open.
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!file) return ErrorCode{errno};
     struct stat status {};
     if (::fstat(file.get(), &status) != 0) return ErrorCode{errno};

@@ -16,7 +16,7 @@
 #include <filesystem>
 #include <limits>
 
-#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/Descriptor.h"
 #include "platform/linux/PropertyListFile.h"
 #include "platform/sim/SimLog.h"
 #include "tests/support/TemporaryFolder.h"
@@ -231,7 +231,7 @@ TEST_F(PreferencesStoreTest, LeftoverOfAKilledWriterIsReplaced) {
 
 TEST_F(PreferencesStoreTest, LockThatIsNeverGivenBackIsATimeout) {
     ASSERT_TRUE(set("key", 1));
-    const FileDescriptor held(open(folder_.path(".com.norvane.da.lock").c_str(), O_RDWR | O_CLOEXEC));
+    const Descriptor held(open(folder_.path(".com.norvane.da.lock").c_str(), O_RDWR | O_CLOEXEC));
     ASSERT_EQ(flock(held.get(), LOCK_EX), 0);
     EXPECT_FALSE(set("key", 2));
     EXPECT_THAT(log_.texts("platform"), ElementsAre("preferences of com.norvane.da not written: Connection timed out"));
