@@ -58,6 +58,7 @@ Descriptor LinuxMessageService::open(std::string_view endpoint) {
         log_.standard("message service: can't %@ %@: %@", failedStep, path, bound.error());
     }
     lifecycle_.exit(kNoEndpointStatus);
+    return {};  // Not reached; some sanitizers make the compiler forget that exit() does not return.
 }
 
 void LinuxMessageService::terminationImminent() {
