@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "platform/Result.h"
@@ -9,7 +10,7 @@ namespace quorvix::ctl {
 
 struct StateLimits {
     std::chrono::milliseconds timeout{5000};
-    std::size_t bytes = 16 * 1024 * 1024;
+    std::size_t bytes = std::size_t{16} * 1024 * 1024;
 };
 
 // Reads the daemon's state: one document, up to end of file. ENOENT or ECONNREFUSED: no daemon listens there. EACCES:
