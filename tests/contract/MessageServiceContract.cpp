@@ -265,8 +265,8 @@ TYPED_TEST(MessageServiceContract, AnEarlierEndOfAPidComesBeforeItsNewConnection
     ASSERT_TRUE(this->waitFor(Kind::errorConnectionInvalid, 1));
     std::vector<Kind> order;
     for (const auto& event : this->recorder_.events()) order.push_back(event.kind);
-    EXPECT_EQ(order,
-              (std::vector{Kind::newConnection, Kind::dictionary, Kind::errorConnectionInvalid, Kind::newConnection}));
+    EXPECT_EQ(order, (std::vector{Kind::newConnection, Kind::dictionary, Kind::dictionary, Kind::dictionary,
+                                  Kind::errorConnectionInvalid, Kind::newConnection}));
 }
 
 TYPED_TEST(MessageServiceContract, TerminationReachesEveryLiveConnection) {

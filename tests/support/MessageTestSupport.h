@@ -96,8 +96,7 @@ public:
     // handler as the daemon's do, and gets the next source number. `extra` runs inside every connection event.
     void attach(MessageListener& listener, const std::shared_ptr<WorkQueue>& queue, Extra extra = {}) {
         listener.setEventHandler([this, queue, extra](const MessageEvent& event) {
-            record(event, 0);
-            if (event.kind != MessageEventKind::newConnection) return;
+            if (event.kind != MessageEventKind::newConnection) return record(event, 0);
             const std::size_t source = ++connections_;
             const std::shared_ptr<MessageConnection> connection = event.connection;
             connection->setTargetQueue(queue);
@@ -109,6 +108,8 @@ public:
                 const std::lock_guard lock(mutex_);
                 weak_.push_back(connection);
             }
+            // Last: whoever waits for it finds everything in place.
+            record(event, 0);
             connection->resume();
         });
         listener.resume();
