@@ -144,9 +144,10 @@ def check(root):
                     continue
                 angled, quoted = match.groups()
                 resolved = resolve(root, path, quoted) if quoted else None
-                # C headers that are installed flat beside each other name each other without a folder.
-                if quoted and resolved is None and (root / "platform" / quoted).is_file():
-                    resolved = "platform/" + quoted
+                # Headers that are installed flat beside each other are named without a folder.
+                for installed in ("client", "platform"):
+                    if quoted and resolved is None and (root / installed / quoted).is_file():
+                        resolved = f"{installed}/{quoted}"
                 if quoted and resolved is None:
                     complaints.append(f"{name}:{number}: no such file in this tree: {quoted}")
                 elif not rule(name, angled, resolved):

@@ -83,6 +83,10 @@ class IncludeRule(unittest.TestCase):
                 self.refuses("client/bad.c", text)
                 (self.root / "client/bad.c").unlink()
 
+    def test_headers_that_are_installed_flat_are_found_flat(self):
+        self.accepts("client/examples/app.c", '#include "quorvix.h"\n#include "quorvix_ticks.h"')
+        self.refuses("hang/Bad.cpp", '#include "quorvix.h"')
+
     def test_the_linux_platform_may_not_use_a_subsystem(self):
         self.refuses("platform/linux/Bad.cpp", '#include "hang/Registry.h"')
 
