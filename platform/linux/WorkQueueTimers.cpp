@@ -25,10 +25,10 @@ Nanoseconds now(clockid_t clock) {
 // 0 is a moment that the kernel takes for "disarm", so that a moment in the past becomes the first nanosecond.
 itimerspec absolute(Nanoseconds moment) {
     const Nanoseconds at = std::max(moment, Nanoseconds{1});
-    itimerspec specification{};
-    specification.it_value.tv_sec = static_cast<time_t>(at.count() / 1'000'000'000);
-    specification.it_value.tv_nsec = static_cast<long>(at.count() % 1'000'000'000);
-    return specification;
+    itimerspec timerValue{};
+    timerValue.it_value.tv_sec = static_cast<time_t>(at.count() / 1'000'000'000);
+    timerValue.it_value.tv_nsec = static_cast<long>(at.count() % 1'000'000'000);
+    return timerValue;
 }
 
 // A heap whose front is the earliest.
@@ -192,8 +192,8 @@ std::optional<Nanoseconds> LinuxWorkQueue::nextWakeUp() const {
 void LinuxWorkQueue::armMonotonic() {
     const std::optional<Nanoseconds> moment = nextWakeUp();
     if (moment == monotonicArmed_) return;
-    const itimerspec specification = moment ? absolute(*moment) : itimerspec{};
-    timerfd_settime(monotonicTimer_, TFD_TIMER_ABSTIME, &specification, nullptr);
+    const itimerspec timerValue = moment ? absolute(*moment) : itimerspec{};
+    timerfd_settime(monotonicTimer_, TFD_TIMER_ABSTIME, &timerValue, nullptr);
     monotonicArmed_ = moment;
 }
 
@@ -201,9 +201,9 @@ void LinuxWorkQueue::armWall() {
     std::optional<Nanoseconds> moment;
     if (!wallOneShots_.empty()) moment = wallOneShots_.front().due;
     if (moment == wallArmed_) return;
-    const itimerspec specification = moment ? absolute(*moment) : itimerspec{};
+    const itimerspec timerValue = moment ? absolute(*moment) : itimerspec{};
     // ECANCELED tells that the clock was set meanwhile; the timer is armed all the same, against the new time.
-    timerfd_settime(wallTimer_, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &specification, nullptr);
+    timerfd_settime(wallTimer_, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &timerValue, nullptr);
     wallArmed_ = moment;
 }
 
