@@ -177,7 +177,7 @@ static bool sendRegistration(uint64_t now) {
 /* True when the queue is empty. */
 static bool sendQueue(uint64_t now) {
     struct quorvix_message* message;
-    while ((message = quorvix_queue_front()) != NULL) {
+    while ((message = quorvix_queue_front(now)) != NULL) {
         if (!finishSend(quorvix_transport_send(self.socket, message), now)) {
             quorvix_queue_keep_front();
             return false;

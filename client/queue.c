@@ -27,8 +27,8 @@ static void removeFirst(void) {
 }
 
 /* All messages live equally long, so the old ones are in front. With the lock held. */
-static void dropOld(uint64_t now) {
-    while (queue.first && queue.first->expiresAtNs <= now) {
+static void dropOld(uint64_t nowNs) {
+    while (queue.first && queue.first->expiresAtNs <= nowNs) {
         removeFirst();
         ++queue.droppedOld;
     }
@@ -39,17 +39,16 @@ static bool hasRoomFor(const struct quorvix_message* message) {
            queue.bytes + message->length <= QUORVIX_QUEUE_MAXIMUM_BYTES;
 }
 
-int quorvix_queue_push(struct quorvix_message* message, bool* wasEmpty) {
-    const uint64_t now = quorvix_monotonic_ns();
+int quorvix_queue_push(struct quorvix_message* message, uint64_t nowNs, bool* wasEmpty) {
     pthread_mutex_lock(&queue.lock);
     /* Without a connection nobody else removes what is too old. While one is being sent, the connection is alive and
      * nothing grows old. */
-    if (!hasRoomFor(message) && !queue.sending) dropOld(now);
+    if (!hasRoomFor(message) && !queue.sending) dropOld(nowNs);
     const bool room = hasRoomFor(message);
     *wasEmpty = room && !queue.first;
     if (room) {
         message->next = NULL;
-        message->expiresAtNs = now + QUORVIX_QUEUE_SECONDS * QUORVIX_NS_PER_SECOND;
+        message->expiresAtNs = nowNs + QUORVIX_QUEUE_SECONDS * QUORVIX_NS_PER_SECOND;
         if (queue.last) {
             queue.last->next = message;
         } else {
@@ -66,10 +65,9 @@ int quorvix_queue_push(struct quorvix_message* message, bool* wasEmpty) {
     return room ? 0 : ENOBUFS;
 }
 
-struct quorvix_message* quorvix_queue_front(void) {
-    const uint64_t now = quorvix_monotonic_ns();
+struct quorvix_message* quorvix_queue_front(uint64_t nowNs) {
     pthread_mutex_lock(&queue.lock);
-    dropOld(now);
+    dropOld(nowNs);
     struct quorvix_message* front = queue.first;
     queue.sending = front != NULL;
     pthread_mutex_unlock(&queue.lock);

@@ -2,6 +2,8 @@
  * Messages on their way from the app's threads to the connection thread: first in first out, bounded in number and
  * bytes, each with a time after which it is not worth sending.
  *
+ * Time is handed in (CLOCK_MONOTONIC in nanoseconds), so that growing old can be tested without waiting.
+ *
  * A message stays in the queue while it is being sent, so that a forked child finds every descriptor here and can
  * close it. Only the connection thread takes messages out; what it holds as the front stays valid until it removes it.
  */
@@ -16,11 +18,11 @@
 
 /* Appends the message, which the queue owns from then on. Returns 0 or ENOBUFS; the message is freed in that case.
  * Sets wasEmpty when the connection thread may have to be woken. */
-int quorvix_queue_push(struct quorvix_message* message, bool* wasEmpty);
+int quorvix_queue_push(struct quorvix_message* message, uint64_t nowNs, bool* wasEmpty);
 
 /* The oldest message that is still worth sending, or NULL. Drops those that are not. For the connection thread, which
  * follows it by one of the next two. */
-struct quorvix_message* quorvix_queue_front(void);
+struct quorvix_message* quorvix_queue_front(uint64_t nowNs);
 /* It was sent, or cannot be: removes and frees it. */
 void quorvix_queue_remove_front(void);
 /* It is to be tried again later. */

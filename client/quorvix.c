@@ -7,6 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "connection.h"
 #include "endpoint.h"
 #include "message.h"
@@ -62,7 +63,7 @@ int quorvix_start(const struct quorvix_config* config) {
     lockLifecycle();
     int error = EALREADY;
     if (!quorvix_connection_is_running()) {
-        quorvix_region_ensure();
+        quorvix_region_share();
         const struct quorvix_connection_settings settings = {
             .name = config->name ? config->name : program_invocation_short_name,
             .directory = config->socketDirectory ? config->socketDirectory : QUORVIX_SOCKET_DIRECTORY,
@@ -120,7 +121,7 @@ int quorvix_message_send(struct quorvix_message* message) {
         return ENOTCONN;
     }
     bool wasEmpty = false;
-    const int error = quorvix_queue_push(message, &wasEmpty);
+    const int error = quorvix_queue_push(message, quorvix_monotonic_ns(), &wasEmpty);
     /* One wake-up for a burst: whoever found the queue empty has woken the thread. */
     if (wasEmpty) quorvix_connection_wake();
     return error;

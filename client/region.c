@@ -82,11 +82,12 @@ static void shareAgain(void) {
 }
 
 void quorvix_region_ensure(void) {
-    if (!region.channel) {
-        createRegion();
-    } else if (region.descriptor < 0) {
-        shareAgain();
-    }
+    if (!region.channel) createRegion();
+}
+
+void quorvix_region_share(void) {
+    quorvix_region_ensure();
+    if (region.descriptor < 0) shareAgain();
 }
 
 int quorvix_region_descriptor(void) { return region.descriptor; }

@@ -15,8 +15,12 @@
 
 /* All with the lifecycle lock held. */
 
-/* Makes the region unless it is there. After a fork it turns the child's private memory into a shared region again. */
+/* Makes the region unless it is there. */
 void quorvix_region_ensure(void);
+
+/* Before the region is handed to the daemon: the same, and a forked child's private memory becomes a shared region
+ * again, with all slots inactive. */
+void quorvix_region_share(void);
 
 /* The memory file to hand to the daemon, or -1. */
 int quorvix_region_descriptor(void);
