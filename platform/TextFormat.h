@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <concepts>
 #include <cstdint>
 #include <cstdio>
@@ -10,6 +11,7 @@
 
 #include "platform/Json.h"
 #include "platform/Result.h"
+#include "platform/Time.h"
 
 namespace quorvix {
 
@@ -24,6 +26,18 @@ inline constexpr std::string_view kNullText = "(null)";
 inline void appendTextForm(std::string& out, std::string_view text) { out += text; }
 inline void appendTextForm(std::string& out, const char* text) { out += text ? std::string_view(text) : kNullText; }
 inline void appendTextForm(std::string& out, ErrorCode error) { out += error.text(); }
+// "yyyy-MM-dd HH:mm:ss +0000", in UTC; what is smaller than a second is cut.
+inline void appendTextForm(std::string& out, WallTime time) {
+    const auto day = std::chrono::floor<std::chrono::days>(time);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss clock(std::chrono::floor<std::chrono::seconds>(time - day));
+    char text[48];
+    std::snprintf(text, sizeof text, "%04d-%02u-%02u %02d:%02d:%02d +0000", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+                  static_cast<int>(clock.seconds().count()));
+    out += text;
+}
 inline void appendTextForm(std::string& out, const JsonObject& object);
 
 template <class T>
@@ -186,7 +200,8 @@ constexpr bool formatFits(std::string_view format) {
 
 // A format text checked against its arguments when it is compiled: one that does not fit does not compile.
 //
-//   %@  any object: text, optional (nothing is "(null)"), ErrorCode (its strerror text), JsonObject (one-line JSON)
+//   %@  any object: text, optional (nothing is "(null)"), ErrorCode (its strerror text), WallTime (a date in UTC),
+//       JsonObject (one-line JSON)
 //   %s  text, at most the precision's bytes of it        %p  ObjectId
 //   %d %i int32 or bool   %u uint32   %lld int64   %llu uint64   %zu size_t   %f double, with an optional precision
 template <class... Args>
