@@ -1,0 +1,116 @@
+#include "platform/linux/Sqlite.h"
+
+#include <sqlite3.h>
+
+#include "platform/linux/Utf8.h"
+
+namespace quorvix::linuxos {
+
+namespace {
+
+constexpr int kBusyTimeoutMs = 1000;
+
+[[noreturn]] void fail(sqlite3* database, int code) {
+    throw SqliteError(code & 0xff, database ? sqlite3_errmsg(database) : sqlite3_errstr(code));
+}
+
+}  // namespace
+
+bool SqliteError::damaged() const { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
+
+SqliteDatabase::SqliteDatabase(const std::string& path) {
+    const int code = sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (code != SQLITE_OK) {
+        const std::string text = handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(code);
+        sqlite3_close(handle_);
+        throw SqliteError(code & 0xff, text);
+    }
+    sqlite3_busy_timeout(handle_, kBusyTimeoutMs);
+}
+
+SqliteDatabase::~SqliteDatabase() { sqlite3_close(handle_); }
+
+void SqliteDatabase::execute(const char* sql) {
+    const int code = sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK) fail(handle_, code);
+}
+
+std::int64_t SqliteDatabase::number(const char* sql) {
+    SqliteStatement statement(*this, sql);
+    return statement.step() ? statement.integer(0) : 0;
+}
+
+std::string SqliteDatabase::text(const char* sql) {
+    SqliteStatement statement(*this, sql);
+    return statement.step() ? std::string(statement.bytes(0)) : std::string();
+}
+
+bool SqliteDatabase::fileHasMoved() {
+    int moved = 0;
+    const int code = sqlite3_file_control(handle_, "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+    return code == SQLITE_OK && moved != 0;
+}
+
+SqliteStatement::SqliteStatement(SqliteDatabase& database, std::string_view sql) : database_(database.handle()) {
+    check(sqlite3_prepare_v2(database_, sql.data(), static_cast<int>(sql.size()), &statement_, nullptr));
+}
+
+SqliteStatement::~SqliteStatement() { sqlite3_finalize(statement_); }
+
+SqliteStatement& SqliteStatement::bind(int parameter, std::int64_t value) {
+    check(sqlite3_bind_int64(statement_, parameter, value));
+    return *this;
+}
+
+SqliteStatement& SqliteStatement::bind(int parameter, double value) {
+    check(sqlite3_bind_double(statement_, parameter, value));
+    return *this;
+}
+
+SqliteStatement& SqliteStatement::bindName(int parameter, std::string_view bytes) {
+    const int length = static_cast<int>(bytes.size());
+    const bool isText = bytes.find('\0') == std::string_view::npos && isUtf8(bytes);
+    // An empty view may hold no address, and that would bind NULL.
+    const char* data = bytes.empty() ? "" : bytes.data();
+    check(isText ? sqlite3_bind_text(statement_, parameter, data, length, SQLITE_STATIC)
+                 : sqlite3_bind_blob(statement_, parameter, data, length, SQLITE_STATIC));
+    return *this;
+}
+
+SqliteStatement& SqliteStatement::bindNull(int parameter) {
+    check(sqlite3_bind_null(statement_, parameter));
+    return *this;
+}
+
+bool SqliteStatement::step() {
+    const int code = sqlite3_step(statement_);
+    if (code == SQLITE_ROW) return true;
+    if (code != SQLITE_DONE) fail(database_, code);
+    return false;
+}
+
+// Repeats the error of the step before, which was thrown there.
+void SqliteStatement::reset() { sqlite3_reset(statement_); }
+
+void SqliteStatement::run() {
+    while (step()) {
+    }
+    reset();
+}
+
+std::int64_t SqliteStatement::integer(int column) const { return sqlite3_column_int64(statement_, column); }
+
+double SqliteStatement::real(int column) const { return sqlite3_column_double(statement_, column); }
+
+std::string_view SqliteStatement::bytes(int column) const {
+    // Pointer first, then its length.
+    const auto* data = static_cast<const char*>(sqlite3_column_blob(statement_, column));
+    const int length = sqlite3_column_bytes(statement_, column);
+    return data ? std::string_view(data, static_cast<std::size_t>(length)) : std::string_view();
+}
+
+void SqliteStatement::check(int code) const {
+    if (code != SQLITE_OK) fail(database_, code);
+}
+
+}  // namespace quorvix::linuxos

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace quorvix::linuxos {
+
+// A failed SQLite call. Thrown between a store's own files only; a store's public functions catch it.
+class SqliteError : public std::runtime_error {
+public:
+    SqliteError(int code, const std::string& text) : std::runtime_error(text), code_(code) {}
+    // Primary result code, SQLITE_FULL for example.
+    int code() const { return code_; }
+    // The file is not a database, or not a whole one.
+    bool damaged() const;
+
+private:
+    int code_;
+};
+
+// One connection to a database file that exists. One thread at a time.
+class SqliteDatabase {
+public:
+    explicit SqliteDatabase(const std::string& path);
+    ~SqliteDatabase();
+    SqliteDatabase(const SqliteDatabase&) = delete;
+    SqliteDatabase& operator=(const SqliteDatabase&) = delete;
+
+    void execute(const char* sql);
+    // First column of the first row; 0 without one.
+    std::int64_t number(const char* sql);
+    std::string text(const char* sql);
+    // The file was unlinked or renamed under the open connection.
+    bool fileHasMoved();
+    sqlite3* handle() const { return handle_; }
+
+private:
+    sqlite3* handle_ = nullptr;
+};
+
+// A prepared statement: bind all, step, read columns, reset. Parameters count from 1, columns from 0.
+class SqliteStatement {
+public:
+    SqliteStatement(SqliteDatabase& database, std::string_view sql);
+    ~SqliteStatement();
+    SqliteStatement(const SqliteStatement&) = delete;
+    SqliteStatement& operator=(const SqliteStatement&) = delete;
+
+    SqliteStatement& bind(int parameter, std::int64_t value);
+    SqliteStatement& bind(int parameter, double value);
+    // Stored as text where the bytes are UTF-8 without NUL, else as they are. The bytes must live until reset().
+    SqliteStatement& bindName(int parameter, std::string_view bytes);
+    SqliteStatement& bindNull(int parameter);
+    // True: there is a row.
+    bool step();
+    void reset();
+    // Runs a statement that gives no rows, ready to be bound again.
+    void run();
+
+    std::int64_t integer(int column) const;
+    double real(int column) const;
+    // Valid until the next step or reset.
+    std::string_view bytes(int column) const;
+
+private:
+    void check(int code) const;
+
+    sqlite3* database_;
+    sqlite3_stmt* statement_ = nullptr;
+};
+
+}  // namespace quorvix::linuxos
