@@ -90,9 +90,14 @@ class Summarise(unittest.TestCase):
         self.call("command", "--name", "slow", "--timeout", "0.2", "--", "sleep", "30")
         self.assertEqual(self.last_line_and_status(), ("0 passed, 1 failed", 1))
 
-    def test_a_check_that_could_not_check_counts_as_skipped(self):
-        self.call("command", "--name", "tool", "--", "sh", "-c", "exit 77")
-        self.assertEqual(self.last_line_and_status(), ("0 passed, 0 failed, 1 skipped", 1))
+    def test_python_tests_count_one_by_one(self):
+        tests = self.folder / "three.py"
+        tests.write_text("import unittest\nclass T(unittest.TestCase):\n def test_a(self): pass\n"
+                         " def test_b(self): self.fail()\n @unittest.skip('why')\n def test_c(self): pass\n")
+        report = self.folder / "own.json"
+        self.call("report", "--name", "own", "--json", report, "--", sys.executable,
+                  SUMMARISE.with_name("run_unittests.py"), tests, report)
+        self.assertEqual(self.last_line_and_status(), ("1 passed, 1 failed, 1 skipped", 1))
 
     def test_a_report_is_taken_over(self):
         self.reporting('{"passed": 3, "failed": 2, "skipped": 1}', 1)

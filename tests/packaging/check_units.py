@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
 """Checks the units of packaging/: systemd's own verification, and the folders that tmpfiles makes, in a temporary root.
-Prints what it could not check for want of a tool, and exits with 77 when that was everything."""
+What needs a tool that is not installed is skipped."""
 import os
 import shutil
 import stat
 import subprocess
-import sys
 import tempfile
 import unittest
 from pathlib import Path
@@ -81,6 +80,4 @@ class Units(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    result = unittest.main(exit=False).result
-    failed = len(result.failures) + len(result.errors)
-    sys.exit(1 if failed else 77 if result.testsRun == len(result.skipped) else 0)
+    unittest.main()
