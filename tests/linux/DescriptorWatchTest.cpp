@@ -69,7 +69,10 @@ protected:
         return made;
     }
 
-    // Before the service, so that they go after its threads have ended.
+    // Before the service, so that they go after its threads have ended; and no descriptor closes under its watch.
+    Pair first;
+    Pair second;
+    Pair silent;
     std::array<std::unique_ptr<DescriptorWatch>, 3> watches;
     std::string log;
     std::unique_ptr<LinuxQueueService> service = std::make_unique<LinuxQueueService>();
@@ -77,13 +80,12 @@ protected:
 };
 
 TEST_F(DescriptorWatchTest, DeliversNothingBeforeTheStart) {
-    Pair pair;
     std::promise<std::uint32_t> events;
-    watches[0] = watch(pair, [&](std::uint32_t reported) {
-        pair.readOne();
+    watches[0] = watch(first, [&](std::uint32_t reported) {
+        first.readOne();
         events.set_value(reported);
     });
-    pair.write("a");
+    first.write("a");
     auto reported = events.get_future();
     EXPECT_EQ(reported.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
     service->start();
@@ -91,11 +93,10 @@ TEST_F(DescriptorWatchTest, DeliversNothingBeforeTheStart) {
 }
 
 TEST_F(DescriptorWatchTest, RunsOnItsQueue) {
-    Pair pair;
-    pair.write("a");
+    first.write("a");
     std::promise<bool> there;
-    watches[0] = watch(pair, [&](std::uint32_t) {
-        pair.readOne();
+    watches[0] = watch(first, [&](std::uint32_t) {
+        first.readOne();
         there.set_value(LinuxWorkQueue::from(*queue).onQueue());
     });
     service->start();
@@ -104,12 +105,10 @@ TEST_F(DescriptorWatchTest, RunsOnItsQueue) {
 }
 
 TEST_F(DescriptorWatchTest, EveryReadyDescriptorHasItsTurnBeforeAnyHasASecond) {
-    Pair busy;
-    Pair quiet;
-    busy.write("bbbb");
-    quiet.write("qq");
-    watches[0] = watch(busy, [&](std::uint32_t) { log += busy.readOne(); });
-    watches[1] = watch(quiet, [&](std::uint32_t) { log += quiet.readOne(); });
+    first.write("bbbb");
+    second.write("qq");
+    watches[0] = watch(first, [&](std::uint32_t) { log += first.readOne(); });
+    watches[1] = watch(second, [&](std::uint32_t) { log += second.readOne(); });
     service->start();
     passRounds(4);
     ASSERT_EQ(log.size(), 6u);
@@ -137,9 +136,8 @@ TEST_F(DescriptorWatchTest, MoreDescriptorsThanOneRoundHoldsAllHaveTheirTurn) {
 }
 
 TEST_F(DescriptorWatchTest, AReadyDescriptorDoesNotHoldBackPostedWorkOrTimers) {
-    Pair pair;
-    pair.write("x");
-    watches[0] = watch(pair, [](std::uint32_t) {});
+    first.write("x");
+    watches[0] = watch(first, [](std::uint32_t) {});
     std::promise<void> fired;
     queue->asyncAfter(std::chrono::milliseconds(1), [&] { fired.set_value(); });
     service->start();
@@ -148,11 +146,10 @@ TEST_F(DescriptorWatchTest, AReadyDescriptorDoesNotHoldBackPostedWorkOrTimers) {
 }
 
 TEST_F(DescriptorWatchTest, AHandlerMayDestroyItsOwnWatch) {
-    Pair pair;
-    pair.write("aa");
-    watches[0] = watch(pair, [this, &pair, kept = std::string("kept")](std::uint32_t) {
+    first.write("aa");
+    watches[0] = watch(first, [this, kept = std::string("kept")](std::uint32_t) {
         watches[0].reset();
-        log += pair.readOne() + kept;
+        log += first.readOne() + kept;
     });
     service->start();
     passRounds(3);
@@ -160,8 +157,6 @@ TEST_F(DescriptorWatchTest, AHandlerMayDestroyItsOwnWatch) {
 }
 
 TEST_F(DescriptorWatchTest, AnEventReportedForADestroyedWatchIsNotDelivered) {
-    Pair first;
-    Pair second;
     first.write("a");
     second.write("b");
     // Both are reported in one round; whichever comes first destroys both.
@@ -178,9 +173,6 @@ TEST_F(DescriptorWatchTest, AnEventReportedForADestroyedWatchIsNotDelivered) {
 }
 
 TEST_F(DescriptorWatchTest, AStaleEventDoesNotReachTheWatchThatTookItsPlace) {
-    Pair first;
-    Pair second;
-    Pair silent;
     first.write("a");
     second.write("b");
     const auto replaceBoth = [&](std::uint32_t) {
@@ -198,10 +190,9 @@ TEST_F(DescriptorWatchTest, AStaleEventDoesNotReachTheWatchThatTookItsPlace) {
 }
 
 TEST_F(DescriptorWatchTest, APausedWatchIsSilentUntilItIsResumed) {
-    Pair pair;
-    pair.write("a");
+    first.write("a");
     watches[0] = watch(
-        pair, [&](std::uint32_t) { log += pair.readOne(); }, 0);
+        first, [&](std::uint32_t) { log += first.readOne(); }, 0);
     service->start();
     passRounds(2);
     EXPECT_EQ(log, "");
@@ -209,7 +200,7 @@ TEST_F(DescriptorWatchTest, APausedWatchIsSilentUntilItIsResumed) {
     passRounds(2);
     EXPECT_EQ(log, "a");
     onQueue([&] { watches[0]->setEvents(0); });
-    pair.write("b");
+    first.write("b");
     passRounds(2);
     EXPECT_EQ(log, "a");
     onQueue([&] { watches[0]->setEvents(EPOLLIN); });
@@ -218,10 +209,9 @@ TEST_F(DescriptorWatchTest, APausedWatchIsSilentUntilItIsResumed) {
 }
 
 TEST_F(DescriptorWatchTest, AHangUpOfAPausedWatchNeitherIsDeliveredNorKeepsTheQueueAwake) {
-    Pair pair;
     watches[0] = watch(
-        pair, [&](std::uint32_t) { log += "hang-up"; }, 0);
-    pair.closeFar();
+        first, [&](std::uint32_t) { log += "hang-up"; }, 0);
+    first.closeFar();
     service->start();
     passRounds(2);
     const auto& linuxQueue = LinuxWorkQueue::from(*queue);
@@ -236,13 +226,12 @@ TEST_F(DescriptorWatchTest, AHangUpOfAPausedWatchNeitherIsDeliveredNorKeepsTheQu
 }
 
 TEST_F(DescriptorWatchTest, AHangUpIsReported) {
-    Pair pair;
     std::promise<std::uint32_t> events;
-    watches[0] = watch(pair, [&](std::uint32_t reported) {
+    watches[0] = watch(first, [&](std::uint32_t reported) {
         watches[0].reset();
         events.set_value(reported);
     });
-    pair.closeFar();
+    first.closeFar();
     service->start();
     EXPECT_EQ(events.get_future().get() & EPOLLHUP, std::uint32_t{EPOLLHUP});
 }

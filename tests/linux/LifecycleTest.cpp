@@ -220,12 +220,14 @@ TEST(Lifecycle, AHookThatUsesTheWholeBudgetLeavesNoneForTheNext) {
 }
 
 TEST(Lifecycle, TheHooksRunOnce) {
-    int runs = 0;
-    LinuxLifecycle lifecycle("");
-    lifecycle.addFlushHook([&](std::chrono::nanoseconds) { ++runs; });
-    lifecycle.flush();
-    lifecycle.flush();
-    EXPECT_EQ(runs, 1);
+    Child child([](const Child::Say& say) {
+        LinuxLifecycle lifecycle("");
+        lifecycle.addFlushHook([&](std::chrono::nanoseconds) { say("flush"); });
+        lifecycle.flush();
+        lifecycle.exit(0);
+    });
+    expectStatus(child.end(), 0);
+    EXPECT_EQ(child.said(), "flush");
 }
 
 TEST(Termination, TheHandlerRunsThenTheFlushThenTheSignalEndsTheProcess) {
