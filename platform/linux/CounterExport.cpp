@@ -212,7 +212,7 @@ CounterDatabase::Failure writeScalars(CounterDatabase& database, MetricsFile& fi
 }
 
 void writeRefusals(MetricsFile& file, const CounterRefusals& refusals) {
-    constexpr const char* kName = "quorvix_counter_changes_refused_total";
+    constexpr const char* kName = "quorvix_refused_changes_total";
     file.family(kName, "Counter changes since the daemon's start that were not kept, by reason.");
     const auto series = [&](const char* reason, CounterRefusal refusal) {
         file.series(kName, "reason=\"" + std::string(reason) + "\"", std::to_string(refusals.of(refusal)));
@@ -239,8 +239,8 @@ std::optional<std::string> CounterExport::write(CounterDatabase& database, const
     auto failure = writeDistributions(database, file);
     if (!failure) failure = writeScalars(database, file);
     writeRefusals(file, refusals);
-    file.family("quorvix_counter_series_left_out", "Counters that could not be shown in this file.", "gauge");
-    file.series("quorvix_counter_series_left_out", "", std::to_string(file.leftOut()));
+    file.family("quorvix_series_left_out", "Counters that could not be shown in this file.", "gauge");
+    file.series("quorvix_series_left_out", "", std::to_string(file.leftOut()));
     if (const int error = file.finish(); error != 0 && !failure) failure = ErrorCode{error}.text();
     if (!failure && renameat(folder.get(), kTemporaryName, folder.get(), kFileName) != 0) {
         failure = ErrorCode{errno}.text();
