@@ -1,6 +1,17 @@
-// quorvixd: reads as the order of starting up.
+// quorvixd: reads as the order of starting up. No command line and no environment decide anything; the preferences do.
 
-#include "platform/Platform.h"
+#include "platform/linux/LinuxPlatform.h"
 #include "service/Service.h"
+#include "service/ServiceState.h"
 
-int main() { return 0; }
+int main() {
+    // Never destroyed: the process ends while the queues' threads run.
+    auto& platform = *new quorvix::linuxos::LinuxPlatform;
+    quorvix::setPlatform(&platform.services());
+
+    // Held for the whole process.
+    const quorvix::ServiceRegistrations registrations = quorvix::startService();
+
+    platform.announceTerminationOn(quorvix::serviceState().daemonQueue);
+    platform.services().queues.runMain();
+}

@@ -24,7 +24,8 @@ public:
     JsonObject();
     JsonObject(std::initializer_list<Member> members);
     void add(std::string key, JsonValue value);
-    const std::vector<Member>& members() const { return members_; }
+    const std::vector<Member>& members() const& { return members_; }
+    void members() && = delete;  // would not outlive the loop that walks it
 
 private:
     std::vector<Member> members_;

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "platform/Platform.h"
+#include "platform/linux/Clocks.h"
+#include "platform/linux/CounterStore.h"
+#include "platform/linux/DeviceCapabilities.h"
+#include "platform/linux/Files.h"
+#include "platform/linux/JournalLog.h"
+#include "platform/linux/Json.h"
+#include "platform/linux/LibraryLoader.h"
+#include "platform/linux/Lifecycle.h"
+#include "platform/linux/MessageService.h"
+#include "platform/linux/Notifications.h"
+#include "platform/linux/PreferencesStore.h"
+#include "platform/linux/ProcessQueries.h"
+#include "platform/linux/PropertyListReader.h"
+#include "platform/linux/QueueService.h"
+#include "platform/linux/RandomSource.h"
+#include "platform/linux/RenderServer.h"
+#include "platform/linux/SharedMemory.h"
+#include "platform/linux/StateService.h"
+#include "platform/linux/WallClock.h"
+
+namespace quorvix::linuxos {
+
+// Every real service, made in the order in which they depend on each other. Made on the main thread before any other
+// thread exists and never destroyed: the process ends while its threads run.
+class LinuxPlatform {
+public:
+    LinuxPlatform();
+    LinuxPlatform(const LinuxPlatform&) = delete;
+    LinuxPlatform& operator=(const LinuxPlatform&) = delete;
+
+    Platform& services() { return services_; }
+    // What runs when the process is asked to terminate: every connection hears of it first. Called once daemonQueue
+    // exists.
+    void announceTerminationOn(const std::shared_ptr<WorkQueue>& queue);
+
+private:
+    // The daemon's state with the platform's own figures added to it.
+    class StateWithSelfCounters final : public StateService {
+    public:
+        explicit StateWithSelfCounters(LinuxPlatform& owner) : owner_(owner), sockets_(owner.log_) {}
+        void publish(std::string_view endpoint, const std::shared_ptr<WorkQueue>& queue,
+                     std::function<JsonObject()> provider) override;
+        JsonObject selfCounters() const { return sockets_.selfCounters(); }
+
+    private:
+        LinuxPlatform& owner_;
+        LinuxStateService sockets_;
+    };
+
+    JsonObject selfCounters() const;
+
+    JournalLog log_;
+    LinuxLifecycle lifecycle_;
+    LinuxQueueService queues_{&lifecycle_};
+    LinuxTickClock tickClock_;
+    LinuxWallClock wallClock_;
+    MappedRegions regions_;
+    LinuxMessageService messages_{log_, lifecycle_, regions_};
+    LinuxNotificationService notifications_{log_};
+    LinuxPreferencesStore preferences_{log_};
+    LinuxPropertyListReader propertyLists_{log_};
+    LinuxDeviceCapabilities capabilities_{log_};
+    CounterStore counters_{log_};
+    LinuxProcessQueries processes_;
+    LinuxFiles files_;
+    LinuxLibraryLoader libraries_;
+    LinuxJson json_;
+    LinuxRandomSource random_;
+    LinuxRenderServer renderServer_;
+    StateWithSelfCounters state_{*this};
+    Platform services_;
+};
+
+}  // namespace quorvix::linuxos
