@@ -72,6 +72,11 @@ static struct {
 } self = {
     .descriptorLock = PTHREAD_MUTEX_INITIALIZER, .socket = -1, .folders = {.descriptor = -1}, .wakeDescriptor = -1};
 
+static void drainWakes(int descriptor) {
+    eventfd_t count;
+    if (eventfd_read(descriptor, &count) != 0) return; /* EAGAIN: somebody's wake is already seen to */
+}
+
 /* Good enough to keep apps out of step. */
 static uint32_t nextRandom(void) {
     self.random ^= self.random << 13;
@@ -226,11 +231,6 @@ static int waitMs(uint64_t now) {
     return (int)((due - now + QUORVIX_NS_PER_MS - 1) / QUORVIX_NS_PER_MS);
 }
 
-static void drainWakes(int descriptor) {
-    eventfd_t count;
-    if (eventfd_read(descriptor, &count) != 0) return; /* EAGAIN: somebody's wake is already seen to */
-}
-
 static void sleepUntilSomethingHappens(void) {
     const int wakeDescriptor = atomic_load(&self.wakeDescriptor);
     struct pollfd descriptors[] = {
@@ -336,6 +336,8 @@ int quorvix_connection_start(const struct quorvix_connection_settings* settings)
     atomic_store(&self.stopAsked, false);
     atomic_store(&self.watching, settings->watching);
     atomic_store(&self.watchingChanged, false);
+    /* Left by the stop before, whose thread may have seen the wish without the wake. */
+    drainWakes(atomic_load(&self.wakeDescriptor));
     error = startThread();
     if (error) {
         closeDescriptors();

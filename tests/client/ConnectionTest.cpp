@@ -165,6 +165,17 @@ TEST_F(ConnectionTest, WithoutADaemonTheThreadSleepsForGood) {
     quorvix_watch_close(watch);
 }
 
+TEST_F(ConnectionTest, ARestartedThreadIsNotWokenByTheStopBefore) {
+    for (int round = 0; round < 50; ++round) {
+        const quorvix_statistics before = statisticsNow();
+        ASSERT_EQ(start(), 0);
+        ASSERT_TRUE(eventually([&] { return statisticsNow().connectFailures > before.connectFailures; }));
+        poll(nullptr, 0, 2); /* a wake left behind comes at once */
+        ASSERT_EQ(statisticsNow().wakeUps, before.wakeUps) << "round " << round;
+        quorvix_stop();
+    }
+}
+
 TEST_F(ConnectionTest, AQueuedBurstWakesTheThreadOnceWithoutADaemon) {
     const std::uint64_t failures = statisticsNow().connectFailures;
     ASSERT_EQ(start(), 0);

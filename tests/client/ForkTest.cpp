@@ -1,5 +1,6 @@
-#include <dirent.h>
 #include <sys/wait.h>
+
+#include <iterator>
 
 #include "tests/client/support/ClientTest.h"
 
@@ -19,17 +20,9 @@ template <typename Work>
     return ::testing::AssertionFailure() << "status " << status;
 }
 
-std::vector<int> openDescriptors() {
-    std::vector<int> numbers;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        numbers.push_back(std::stoi(entry.path().filename()));
-    }
-    return numbers;
-}
-
-std::string targetOf(int descriptor) {
-    std::error_code error;
-    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error);
+std::size_t countOpenDescriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
 TEST_F(ForkTest, TheChildWritesIntoAPrivateRegion) {
@@ -74,24 +67,9 @@ TEST_F(ForkTest, TheChildHasNoConnectionAndSendsNothing) {
 }
 
 TEST_F(ForkTest, TheChildHasNoneOfTheLibrarysDescriptors) {
-    const std::vector<int> before = openDescriptors();
-    quorvix_stop();
-    ASSERT_EQ(start(), 0);
-    Peer peer = server_.accept();
-    expectRegistration(peer);
-    EXPECT_TRUE(holdsInChild([&] {
-        for (int descriptor : openDescriptors()) {
-            const std::string target = targetOf(descriptor);
-            if (target.find("inotify") != std::string::npos || target.find("eventfd") != std::string::npos) {
-                return false;
-            }
-        }
-        return true;
-    }));
-    /* The socket went with the parent alone. */
-    quorvix_stop();
-    EXPECT_EQ(receiveBytes(peer), stopBytes());
-    EXPECT_FALSE(peer.receive());
+    /* Connection, region, wake-up and inotify. What this test holds by itself both have. */
+    const std::size_t parents = countOpenDescriptors();
+    EXPECT_TRUE(holdsInChild([&] { return countOpenDescriptors() + 4 == parents; }));
 }
 
 TEST_F(ForkTest, ALivingChildDoesNotKeepTheConnection) {
