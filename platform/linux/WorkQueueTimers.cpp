@@ -46,7 +46,6 @@ struct LinuxWorkQueue::TimerState {
     std::uint64_t sequence = 0;
     bool scheduled = false;
     bool started = false;
-    bool running = false;
 
     bool armed() const { return scheduled && started; }
     bool dueAt(Nanoseconds moment) const { return armed() && due <= moment; }
@@ -62,8 +61,6 @@ public:
         check(queue_->mayUseSources(), "a timer is destroyed on its queue");
         state_->scheduled = false;
         std::erase(queue_->timers_, state_);
-        // The handler lets go of what it holds at once, unless it is what destroys the timer: it runs on in the state.
-        if (!state_->running) state_->handler = nullptr;
     }
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
@@ -153,9 +150,7 @@ void LinuxWorkQueue::fireTimer(TimerState& state, Nanoseconds moment) {
     Nanoseconds planned = moment;
     if (monotonicArmed_ && *monotonicArmed_ <= moment) planned = std::max(state.due, *monotonicArmed_);
     state.due = timer::nextDue(state.schedule, state.due, planned, moment);
-    state.running = true;
     state.handler();
-    state.running = false;
 }
 
 void LinuxWorkQueue::fireWall() {

@@ -193,6 +193,20 @@ TYPED_TEST(WorkQueueContract, DelayedWorkIsNeverEarly) {
     EXPECT_GE(this->log().front().when, begin + 15ms);
 }
 
+TYPED_TEST(WorkQueueContract, TimedWorkReachesAQueueThatSleeps) {
+    this->world.start();
+    for (const char* turn : {"first", "second"}) {
+        this->world.onQueue(*this->queue, [] {});
+        this->world.pass(10ms);
+        this->queue->asyncAfter(5ms, this->noting(turn));
+    }
+    ASSERT_TRUE(this->waitForCount(2));
+    this->world.onQueue(*this->queue, [] {});
+    this->world.pass(10ms);
+    this->queue->asyncAt(this->world.wallNow() + 5ms, this->noting("wall"));
+    ASSERT_TRUE(this->waitForCount(3));
+}
+
 TYPED_TEST(WorkQueueContract, DelayedWorkRunsInTheOrderOfItsMoments) {
     this->queue->asyncAfter(30ms, this->noting("late"));
     this->queue->asyncAfter(10ms, this->noting("early"));

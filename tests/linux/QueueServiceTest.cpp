@@ -123,12 +123,13 @@ TEST_F(QueueServiceTest, TimersWhoseLeewaysOverlapShareAWakeUp) {
     std::promise<void> both;
     std::vector<std::uint64_t> turns;
     onQueue(*queue, [&] {
-        for (const auto delay : {200ms, 300ms}) {
+        // The window that suits both is short: a rounder moment before it would suit the first alone.
+        for (const auto delay : {200ms, 440ms}) {
             auto& timer = timers.emplace_back(queue->makeTimer([&] {
                 turns.push_back(LinuxWorkQueue::from(*queue).counters().turns);
                 if (turns.size() == 2) both.set_value();
             }));
-            timer->schedule({delay, 1h, 500ms});
+            timer->schedule({delay, 1h, 250ms});
             timer->start();
         }
     });
