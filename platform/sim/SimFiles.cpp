@@ -122,6 +122,7 @@ Result<void> SimFiles::makeDirectory(std::string_view path, std::uint32_t mode) 
 }
 
 Result<int> SimFiles::createFile(const FileLocation& file, std::uint32_t mode, int protectionClass) {
+    calls_.push_back("createFile " + std::string(file.name));
     if (const auto fault = faults.take("createFile")) return *fault;
     if (const int error = linuxos::fileNameError(file.name)) return ErrorCode{error};
     const auto directory = findDirectory(file.directory);
@@ -145,6 +146,7 @@ Result<int> SimFiles::createFile(const FileLocation& file, std::uint32_t mode, i
 }
 
 Result<void> SimFiles::unlinkFile(const FileLocation& file) {
+    calls_.push_back("unlinkFile " + std::string(file.name));
     if (const auto fault = faults.take("unlinkFile")) return *fault;
     if (const int error = linuxos::fileNameError(file.name)) return ErrorCode{error};
     const auto directory = findDirectory(file.directory);
@@ -157,6 +159,7 @@ Result<void> SimFiles::unlinkFile(const FileLocation& file) {
 }
 
 Result<void> SimFiles::moveFile(const FileLocation& from, const FileLocation& to) {
+    calls_.push_back("moveFile " + std::string(from.name));
     if (const auto fault = faults.take("moveFile")) return *fault;
     for (const FileLocation& file : {from, to}) {
         if (const int error = linuxos::fileNameError(file.name)) return ErrorCode{error};
@@ -175,10 +178,13 @@ Result<void> SimFiles::moveFile(const FileLocation& from, const FileLocation& to
 }
 
 void SimFiles::close(int descriptor) {
-    if (open_.erase(descriptor) == 0) {
+    const auto file = open_.find(descriptor);
+    if (file == open_.end()) {
         ++wrongCloses_;
         return;
     }
+    calls_.push_back("close " + nameOf(file->second.path));
+    open_.erase(file);
     ::close(descriptor);
 }
 

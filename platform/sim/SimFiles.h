@@ -44,6 +44,9 @@ public:
     std::vector<std::string> list(std::string_view path) const;
     // Where each descriptor that is still open was created; a leak shows here.
     std::vector<std::string> openFiles() const;
+    // Every operation on a file that reports are made of, in order: "createFile NAME", "unlinkFile NAME", "moveFile
+    // NAME", "close NAME".
+    const std::vector<std::string>& calls() const { return calls_; }
     // A close of what is not open here.
     std::uint64_t wrongCloses() const { return wrongCloses_; }
 
@@ -64,6 +67,7 @@ private:
 
     NodePointer root_;
     std::map<int, OpenFile> open_;
+    std::vector<std::string> calls_;
     std::uint64_t wrongCloses_ = 0;
 };
 
