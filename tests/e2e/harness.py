@@ -131,9 +131,9 @@ class DaemonTest(unittest.TestCase):
     def prefer(self, key, value):
         ctl("prefs", "set", key, value)
 
-    def install_trace_library(self, variant="standin"):
+    def install_trace_library(self, variant="standin_swivex"):
         """One of the small libraries that stand in for the real one."""
-        shutil.copy(next(BUILD.rglob(f"{variant}/libswivex.dylib")), TRACE_LIBRARY)
+        shutil.copy(BUILD / f"standin/{variant}/libswivex.dylib", TRACE_LIBRARY)
 
     def start(self, prefix=(), **preferences):
         """A ready daemon with hang tracing on, unless the test sets it otherwise."""

@@ -28,7 +28,7 @@ def main():
     if INSIDE not in os.environ:
         os.chdir(ROOT)
         result = pathlib.Path(arguments.json).resolve() if arguments.json else None
-        command = [str(ROOT / "demo/private-root"), "env", f"{INSIDE}=1", sys.executable, "-B", str(pathlib.Path(__file__).resolve()),
+        command = [str(ROOT / "demo/private-root"), "env", f"{INSIDE}=1", "python3", "-B", str(pathlib.Path(__file__).resolve()),
                    "--build", str(build)]
         # /tmp is another one inside: the counts come back through the tree's build folder.
         if result:
