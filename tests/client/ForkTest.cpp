@@ -67,6 +67,9 @@ TEST_F(ForkTest, TheChildHasNoConnectionAndSendsNothing) {
 }
 
 TEST_F(ForkTest, TheChildHasNoneOfTheLibrarysDescriptors) {
+    /* Once this is here, the message that carried the region and its copy of the descriptor are gone. */
+    ASSERT_EQ(quorvix_fence_begin(1), 0);
+    EXPECT_EQ(Dictionary(receiveBytes(peer_)).int64("name"), 1);
     /* Connection, region, wake-up and inotify. What this test holds by itself both have. */
     const std::size_t parents = countOpenDescriptors();
     EXPECT_TRUE(holdsInChild([&] { return countOpenDescriptors() + 4 == parents; }));
