@@ -35,6 +35,9 @@ public:
         std::uint32_t connections = 2048;
         // Of one user other than root: one user's apps must not shut out the others'.
         std::uint32_t connectionsAUser = 1024;
+        // Still read after the peer's death. More than any socket's queue holds: it only ends a child that inherited
+        // the socket and goes on sending.
+        std::uint32_t datagramsAtDeath = 4096;
     };
     struct Counters {
         std::atomic<std::uint64_t> accepted{0};
@@ -63,6 +66,7 @@ public:
 
     std::shared_ptr<ReceiveBuffer> bufferFor(const WorkQueue& queue);
     Counters& counters() { return counters_; }
+    const Limits& limits() const { return limits_; }
     const LogHandle& log() const { return log_; }
     JsonObject selfCounters() const;
 

@@ -56,7 +56,8 @@ SocketConnection::SocketConnection(std::shared_ptr<ConnectionTable> table, Mappe
       regions_(regions),
       socket_(std::move(socket)),
       peer_(std::move(peer)),
-      queue_(std::move(queue)) {}
+      queue_(std::move(queue)),
+      datagramsLeft_(table_->limits().datagramsAtDeath) {}
 
 SocketConnection::~SocketConnection() { release(); }
 

@@ -30,10 +30,6 @@ struct Peer {
 // delivered first. Lives on its target queue once resumed; owned by the connection table from then on.
 class SocketConnection final : public MessageConnection, public std::enable_shared_from_this<SocketConnection> {
 public:
-    // Datagrams that are still read after the peer's death. More than any socket's queue holds: it only ends a child
-    // that inherited the socket and goes on sending.
-    static constexpr std::uint32_t kMostDatagramsAtDeath = 4096;
-
     // The place in the table was taken already, and is given back when the connection ends.
     SocketConnection(std::shared_ptr<ConnectionTable> table, MappedRegions& regions, Descriptor socket, Peer peer,
                      std::shared_ptr<LinuxWorkQueue> queue);
@@ -75,7 +71,7 @@ private:
     MessageHandler handler_;
     std::unique_ptr<DescriptorWatch> socketWatch_;
     std::unique_ptr<DescriptorWatch> processWatch_;
-    std::uint32_t datagramsLeft_ = kMostDatagramsAtDeath;
+    std::uint32_t datagramsLeft_;
     std::uint32_t failuresInARow_ = 0;
     bool resumed_ = false;
     bool started_ = false;

@@ -21,6 +21,7 @@ namespace quorvix::linuxos {
 namespace {
 
 constexpr std::chrono::seconds kRest{1};
+constexpr std::uint32_t kWatched = EPOLLIN | EPOLLRDHUP;
 
 Descriptor openReserve() { return Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
@@ -76,22 +77,26 @@ void SocketListener::resume() {
 
 void SocketListener::start() {
     if (!socket_) return;
-    watch_ = queue_->watchDescriptor(socket_.get(), EPOLLIN, [this](std::uint32_t) { acceptOne(); });
-    if (!watch_) fail();
+    watch_ = queue_->watchDescriptor(socket_.get(), kWatched, [this](std::uint32_t events) { acceptOne(events); });
+    if (!watch_) fail({errno});
 }
 
-void SocketListener::acceptOne() {
+void SocketListener::acceptOne(std::uint32_t events) {
     Descriptor accepted(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (accepted) return welcome(std::move(accepted));
     switch (errno) {
         case EAGAIN:
+            // A socket that was shut down is always ready and never has a caller: left alone, it would be asked for
+            // ever.
+            if ((events & ~std::uint32_t{EPOLLIN}) != 0) fail({ESHUTDOWN});
+            return;
         case EINTR:
         case ECONNABORTED: return;
         case EMFILE:
         case ENFILE: return outOfDescriptors();
         case ENOBUFS:
         case ENOMEM: return rest();
-        default: return fail();
+        default: return fail({errno});
     }
 }
 
@@ -137,13 +142,13 @@ void SocketListener::rest() {
         const std::shared_ptr<SocketListener> self = weak.lock();
         if (!self || !self->watch_) return;
         if (!self->reserve_) self->reserve_ = openReserve();
-        self->watch_->setEvents(EPOLLIN);
+        self->watch_->setEvents(kWatched);
     });
 }
 
-void SocketListener::fail() {
+void SocketListener::fail(ErrorCode error) {
     const std::shared_ptr<SocketListener> self = shared_from_this();
-    table_->log().standard("message service: the listening socket failed: %@", ErrorCode{errno});
+    table_->log().standard("message service: the listening socket failed: %@", error);
     watch_.reset();
     socket_.reset();
     deliver({.kind = MessageEventKind::errorConnectionInvalid, .pid = 0, .description = kInvalidText});

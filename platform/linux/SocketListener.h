@@ -31,11 +31,11 @@ public:
 
 private:
     void start();
-    void acceptOne();
+    void acceptOne(std::uint32_t events);
     void welcome(Descriptor socket);
     void outOfDescriptors();
     void rest();
-    void fail();
+    void fail(ErrorCode error);
     void deliver(MessageEvent event);
 
     std::shared_ptr<ConnectionTable> table_;

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <utility>
@@ -18,12 +19,23 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::seconds kRest{1};
+constexpr int kMostIgnoredParts = 64;
 
 bool mayRead(int socket) {
     ucred credentials{};
     socklen_t length = sizeof credentials;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return false;
     return credentials.uid == 0 || credentials.uid == geteuid();
+}
+
+// It takes no input: what a reader sends must not lie about and turn its end of file into a reset. After the shutdown
+// nothing more arrives, so that what is there already fits a socket's buffer.
+void refuseInput(int socket) {
+    shutdown(socket, SHUT_RD);
+    std::array<char, 4096> ignored;
+    for (int part = 0; part < kMostIgnoredParts; ++part) {
+        if (recv(socket, ignored.data(), ignored.size(), MSG_DONTWAIT) <= 0) return;
+    }
 }
 
 }  // namespace
@@ -65,8 +77,7 @@ void StateSocket::rest() {
 }
 
 void StateSocket::serve(Descriptor socket) {
-    // It takes no input: what a reader sends must not lie about and turn its end of file into a reset.
-    shutdown(socket.get(), SHUT_RD);
+    refuseInput(socket.get());
     const std::uint64_t number = nextReader_++;
     Reader& reader = readers_[number];
     reader.socket = std::move(socket);
