@@ -34,7 +34,8 @@ private:
 // One JSON value. Strings hold bytes: whether they are UTF-8 shows when they are serialised.
 class JsonValue {
 public:
-    using Content = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double, std::string, JsonArray, JsonObject>;
+    using Content =
+        std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double, std::string, JsonArray, JsonObject>;
 
     JsonValue(std::nullptr_t = nullptr) : content_(nullptr) {}
     JsonValue(bool value) : content_(value) {}
@@ -57,7 +58,9 @@ private:
 
 inline JsonObject::JsonObject() = default;
 inline JsonObject::JsonObject(std::initializer_list<Member> members) : members_(members) {}
-inline void JsonObject::add(std::string key, JsonValue value) { members_.emplace_back(std::move(key), std::move(value)); }
+inline void JsonObject::add(std::string key, JsonValue value) {
+    members_.emplace_back(std::move(key), std::move(value));
+}
 
 // JSON serialisation. Callable from any thread.
 class JsonService {

@@ -19,7 +19,8 @@ public:
     // The value as stored, of whatever kind; nothing when the key is absent. Every read sees the current file.
     virtual std::optional<PropertyListValue> value(std::string_view key, const PreferenceDomain& domain) = 0;
     // Sets the value, nothing removes the key. Seen by reads at once, on disk after synchronise().
-    virtual void setValue(std::string_view key, std::optional<PropertyListValue> value, const PreferenceDomain& domain) = 0;
+    virtual void setValue(std::string_view key, std::optional<PropertyListValue> value,
+                          const PreferenceDomain& domain) = 0;
     // Writes what was set and re-reads the domain. False: not written (said in the log), and what was set stays set.
     virtual bool synchronise(const PreferenceDomain& domain) = 0;
 };

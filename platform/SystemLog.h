@@ -15,7 +15,8 @@ public:
     virtual ~SystemLog() = default;
     // Whether a line of this level would be kept: a text is not formatted when it would not.
     virtual bool enabled(std::string_view subsystem, std::string_view category, LogLevel level) noexcept = 0;
-    virtual void write(std::string_view subsystem, std::string_view category, LogLevel level, std::string_view text) = 0;
+    virtual void write(std::string_view subsystem, std::string_view category, LogLevel level,
+                       std::string_view text) = 0;
 };
 
 // A handle for one subsystem and category. The texts outlive the handle (string literals).

@@ -106,11 +106,13 @@ constexpr Conversion readConversion(std::string_view text) {
 }
 
 template <class T>
-concept HasTextForm = requires(std::string& out, const T& value) { appendTextForm(out, value); };
+concept HasTextForm = requires(std::string& out, const T& value) {
+    appendTextForm(out, value);
+};
 
 template <class T>
 concept IsText = std::convertible_to<const T&, std::string_view> || std::same_as<T, ErrorCode> ||
-                 std::same_as<T, std::optional<std::string>> || std::same_as<T, std::optional<std::string_view>>;
+    std::same_as<T, std::optional<std::string>> || std::same_as<T, std::optional<std::string_view>>;
 
 template <class T>
 constexpr bool fits(Kind kind) {

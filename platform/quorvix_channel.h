@@ -42,12 +42,12 @@
 #define QUORVIX_CHANNEL_REPORTED UINT64_MAX
 
 struct quorvix_hang_slot {
-    uint64_t startTime;  /* ticks at which the current unit of work began */
-    uint64_t clientWord; /* the client's own; the daemon never reads it */
-    uint32_t inactive;   /* nonzero: nothing runs here, the slot is skipped */
-    uint32_t saveReport; /* nonzero: a hang of this slot asks for a trace report */
-    uint64_t clientData; /* the client's own; the daemon never reads it */
-    uint64_t threadID;   /* thread that does the work */
+    uint64_t startTime;                     /* ticks at which the current unit of work began */
+    uint64_t clientWord;                    /* the client's own; the daemon never reads it */
+    uint32_t inactive;                      /* nonzero: nothing runs here, the slot is skipped */
+    uint32_t saveReport;                    /* nonzero: a hang of this slot asks for a trace report */
+    uint64_t clientData;                    /* the client's own; the daemon never reads it */
+    uint64_t threadID;                      /* thread that does the work */
     char name[QUORVIX_CHANNEL_NAME_LENGTH]; /* NUL-terminated kind of work */
 };
 
