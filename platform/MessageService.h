@@ -92,7 +92,8 @@ struct MessageEvent {
     const MessageDictionary* dictionary = nullptr;
     // The pid that the service gives for the event itself; 0 for an event of the listener's own.
     std::int32_t pid = 0;
-    // Full description of the event's object: for an error its text, else what it holds.
+    // Description of the event's object: for an error its text, else what it holds. Empty for a dictionary, which
+    // nobody describes on its way.
     std::string_view description = {};
     // What "%p" shows of the event, and of its type.
     ObjectId id = {};
