@@ -3,6 +3,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <csignal>
+
 namespace quorvix::linuxos {
 
 namespace {
@@ -39,6 +41,8 @@ LinuxPlatform::LinuxPlatform()
                 .lifecycle = lifecycle_,
                 .state = state_} {
     raiseDescriptorLimit();
+    // A reader of standard error that goes away must not take the daemon with it.
+    std::signal(SIGPIPE, SIG_IGN);
     lifecycle_.addFlushHook([this](std::chrono::nanoseconds budget) {
         // What is not written in time is lost with the process; it was said in the log if the disk is the reason.
         (void)counters_.flush(std::chrono::duration_cast<std::chrono::milliseconds>(budget));
