@@ -1,5 +1,7 @@
 #include "service/DaemonState.h"
 
+#include <cmath>
+
 #include "hang/HangState.h"
 #include "hang/QXProcessInfo.h"
 #include "service/ServiceState.h"
@@ -7,6 +9,12 @@
 namespace quorvix {
 
 namespace {
+
+// JSON knows finite numbers only, and a preference may be infinite.
+JsonValue numberOrText(double value) {
+    if (std::isfinite(value)) return value;
+    return formatText("%f", value);
+}
 
 JsonObject settingsObject() {
     const Settings& current = settings();
@@ -20,7 +28,7 @@ JsonObject settingsObject() {
         {"memoryLoggingIntervalSeconds", current.memoryLoggingInterval},
         {"reportPeriodTicks", current.reportPeriodTicks},
         {"maxActivationCount", current.maxActivationCount},
-        {"cpuUtilizationThresholdMs", current.cpuUtilizationThreshold},
+        {"cpuUtilizationThresholdMs", numberOrText(current.cpuUtilizationThreshold)},
     };
 }
 

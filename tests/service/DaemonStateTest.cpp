@@ -1,0 +1,74 @@
+#include "service/DaemonState.h"
+
+#include "tests/support/DaemonWorld.h"
+
+namespace quorvix::test {
+namespace {
+
+class DaemonState : public DaemonWorld {
+protected:
+    // One member of what an operator would get now, as one-line JSON.
+    std::string published(std::string_view key) {
+        const JsonObject state = device.state.read();
+        for (const auto& [name, value] : state.members()) {
+            std::string text;
+            if (name == key) text_format::appendJson(text, value);
+            if (name == key) return text;
+        }
+        return "absent";
+    }
+};
+
+TEST_F(DaemonState, ShowsTheSettingsInForce) {
+    prefer("QuorvixReportPeriod", 60);
+    startWithHangTracing();
+    EXPECT_EQ(published("settings"),
+              R"({"internalBuild":false,"hangTracingEnabled":true,"memoryLoggingEnabled":false,)"
+              R"("appActivationLoggingEnabled":false,"swivexEnabled":true,"hudEnabled":false,)"
+              R"("memoryLoggingIntervalSeconds":3600,"reportPeriodTicks":60000,"maxActivationCount":200,)"
+              R"("cpuUtilizationThresholdMs":50})");
+}
+
+TEST_F(DaemonState, ShowsWhoIsWatchedAndTheirCredits) {
+    startWithHangTracing();
+    EXPECT_EQ(published("watched"), "[]");
+    watch(412);
+    watch(413, "/Applications/Maps.app/Maps");
+    hangState().appCredits["Maps"] = 1;
+    EXPECT_EQ(published("watched"), R"([{"pid":412,"name":"Mail","path":"/Applications/Mail.app/Mail","credits":4},)"
+                                    R"({"pid":413,"name":"Maps","path":"/Applications/Maps.app/Maps","credits":1}])");
+    EXPECT_EQ(published("appCredits"), R"({"Maps":1})");
+}
+
+TEST_F(DaemonState, ShowsTheDaysReports) {
+    startWithHangTracing();
+    hangState().dailyLogCredits = -2;
+    EXPECT_EQ(published("dailyCredits"), R"({"left":-2,"limit":25})");
+}
+
+TEST_F(DaemonState, CountsWhatWasDropped) {
+    startWithHangTracing();
+    App app = watch(412);
+    device.regions.faultNextAccess(device.regions.lastMapping().address);
+    advanceMs(5'000);
+    EXPECT_NE(published("counters").find(R"("regionFaults":1)"), std::string::npos) << published("counters");
+}
+
+TEST_F(DaemonState, ReadingItChangesNothingAndSaysNothing) {
+    startWithHangTracing();
+    watch(412);
+    device.log.clear();
+    const std::string first = formatText("%@", device.state.read());
+    EXPECT_EQ(formatText("%@", device.state.read()), first);
+    EXPECT_TRUE(device.log.lines().empty());
+}
+
+TEST_F(DaemonState, IsJSONWhateverThePreferencesHold) {
+    prefer("QuorvixAppActivationLoggingCPUUtilizationThreshold", std::numeric_limits<double>::infinity());
+    startWithHangTracing();
+    EXPECT_EQ(settings().cpuUtilizationThreshold, std::numeric_limits<double>::infinity());
+    EXPECT_TRUE(device.json.serialise(device.state.read()));
+}
+
+}  // namespace
+}  // namespace quorvix::test
