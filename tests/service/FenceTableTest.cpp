@@ -178,6 +178,9 @@ TEST(FenceOverlap, SaturatesAtTheLargestTotal) {
     EXPECT_TRUE(table.end(7, -1));
     EXPECT_EQ(table.overlapMs(0, kLatest, 1.0), kLatest);
     EXPECT_EQ(table.overlapMs(0, kLatest, 1e9), kLatest);
+    table.begin(8, 0);
+    EXPECT_TRUE(table.end(8, -1));
+    EXPECT_EQ(table.overlapMs(0, kLatest, 1.0), kLatest) << "and does not wrap with the next slot";
 }
 
 }  // namespace
