@@ -205,9 +205,10 @@ Result<PropertyListValue> parsePropertyList(std::string_view text) {
     pugi::xml_document document;
     if (!document.load_buffer(text.data(), text.size(), kParseFlags, pugi::encoding_utf8)) return ErrorCode{EINVAL};
     const pugi::xml_node node = onlyValue(document);
-    std::optional<PropertyListValue> value = node ? readValue(node, 1) : std::nullopt;
+    if (!node) return ErrorCode{EINVAL};
+    std::optional<PropertyListValue> value = readValue(node, 1);
     if (!value) return ErrorCode{EINVAL};
-    return std::move(*value);
+    return *std::move(value);
 }
 
 Result<PropertyListDictionary> parsePropertyListDictionary(std::string_view text) {
