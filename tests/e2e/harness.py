@@ -1,15 +1,20 @@
 """The daemon under test, and what every end-to-end test needs around it."""
 
+import collections
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
 import subprocess
 import threading
 import time
+import traceback
 import unittest
+
+from quorvix_client import Client, Region
 
 BUILD = None  # set by run.py
 
@@ -19,6 +24,7 @@ TMP = CACHES / "tmp"
 SPOOL = CACHES / "spool"
 PREFERENCES = pathlib.Path("/var/mobile/Library/Preferences")
 TRACE_LIBRARY = pathlib.Path("/usr/lib/libswivex.dylib")
+SANITIZER_SIGNS = ("ERROR: AddressSanitizer", "runtime error:", "ERROR: LeakSanitizer", "ThreadSanitizer")
 # Everything that the daemon or a test may have left behind.
 STATE_FOLDERS = ["/var/root", "/var/mobile", "/var/lib/quorvix", "/run/vex", "/Library", "/etc/vex"]
 
@@ -43,8 +49,10 @@ def ctl(*arguments, check=True):
 class Daemon:
     """One quorvixd. Its log comes on standard error, since there is no journal here."""
 
-    def __init__(self, prefix=()):
+    def __init__(self, prefix=(), **options):
         self.lines = []
+        self.times = []  # when each line came, monotonic seconds
+        self.base = None  # the descriptors that it held when it was ready
         self.lock = threading.Lock()
         self.ready_path = f"/tmp/ready-{os.getpid()}-{time.monotonic_ns()}"
         self.ready = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -52,13 +60,14 @@ class Daemon:
         environment = dict(os.environ, NOTIFY_SOCKET=self.ready_path)
         environment.pop("JOURNAL_STREAM", None)
         self.process = subprocess.Popen([*prefix, str(BUILD / "bin/quorvixd")], stderr=subprocess.PIPE,
-                                        stdin=subprocess.DEVNULL, env=environment)
+                                        stdin=subprocess.DEVNULL, env=environment, **options)
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
 
     def _read(self):
         for line in self.process.stderr:
             with self.lock:
+                self.times.append(time.monotonic())
                 self.lines.append(line.decode(errors="surrogateescape").rstrip("\n"))
 
     def wait_ready(self, seconds=30):
@@ -88,6 +97,23 @@ class Daemon:
     def status(self):
         return json.loads(ctl("status", "--json").stdout)
 
+    def platform(self, service):
+        return self.status()["platform"][service]
+
+    def descriptors(self):
+        """What it has open, by kind; without its stores, which it opens when it first needs them."""
+        folder = f"/proc/{self.pid}/fd"
+        kinds = collections.Counter()
+        for number in os.listdir(folder):
+            try:
+                kinds[re.sub(r":\[\d+\]$", "", os.readlink(f"{folder}/{number}"))] += 1
+            except FileNotFoundError:
+                pass
+        for kind in list(kinds):
+            if kind.startswith("/var/lib/"):
+                del kinds[kind]
+        return kinds
+
     def end(self, number=signal.SIGTERM, seconds=30):
         """Sends the signal and gives the exit status as subprocess does (negative: the signal)."""
         if self.process.poll() is None:
@@ -109,24 +135,95 @@ class Daemon:
         return self.process.poll() is None
 
 
-class DaemonTest(unittest.TestCase):
-    """A test with empty folders; every daemon it starts is ended and checked for sanitizer reports."""
+class Child:
+    """A process of its own that runs body(child); it says lines with child.say(), heard here with hear()."""
 
-    def setUp(self):
+    def __init__(self, body):
+        reading, writing = os.pipe()
+        self.pid = os.fork()
+        if self.pid == 0:
+            status = 1
+            try:
+                os.close(reading)
+                self.writing = writing
+                body(self)
+                status = 0
+            except BaseException:  # told to the test as a status and on its standard error
+                traceback.print_exc()
+            finally:
+                os._exit(status)
+        os.close(writing)
+        self.reading = os.fdopen(reading, "rb")
+        self.status = None
+
+    def say(self, text="ready"):
+        os.write(self.writing, text.encode() + b"\n")
+
+    def hear(self):
+        line = self.reading.readline().decode().rstrip("\n")
+        if not line:
+            raise AssertionError("the child ended before it said a word")
+        return line
+
+    def end(self, number=signal.SIGKILL):
+        """Ends it and waits; gives the status (negative: the signal)."""
+        if self.status is None:
+            os.kill(self.pid, number)
+            self.wait()
+        return self.status
+
+    def wait(self):
+        self.status = os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+        return self.status
+
+    def close(self):
+        self.end()
+        self.reading.close()
+
+
+class World:
+    """Empty folders and what a test starts in them; close() ends it all and checks that nothing stays behind."""
+
+    def __init__(self):
+        self.daemons = []
+        self.children = []
+        self.clients = []
+        self.mounts = []
         for folder in STATE_FOLDERS:
             shutil.rmtree(folder, ignore_errors=True)
         CACHES.parent.mkdir(parents=True)
         pathlib.Path("/var/lib/quorvix").mkdir(parents=True)
         pathlib.Path("/run/vex").mkdir(parents=True)
         TRACE_LIBRARY.unlink(missing_ok=True)
-        self.daemons = []
 
-    def tearDown(self):
+    def close(self):
+        problems = []
+        for child in self.children:
+            child.close()
+        for client in self.clients:
+            client.close()
         for daemon in self.daemons:
+            if daemon.alive() and daemon.base is not None:
+                problems += self._leaks(daemon)
             daemon.close()
             text = "\n".join(daemon.log())
-            for sign in ("ERROR: AddressSanitizer", "runtime error:", "ERROR: LeakSanitizer", "ThreadSanitizer"):
-                self.assertNotIn(sign, text)
+            problems += [f"{sign}:\n{text}" for sign in SANITIZER_SIGNS if sign in text]
+        if TMP.is_dir():
+            problems += [f"left in tmp: {name}" for name in os.listdir(TMP)]
+        for place in reversed(self.mounts):
+            subprocess.run(["umount", "--lazy", str(place)], check=True)
+        if problems:
+            raise AssertionError("; ".join(problems))
+
+    def _leaks(self, daemon):
+        """With all clients gone the daemon must be back at what it held when it was ready."""
+        try:
+            wait_until(lambda: not daemon.descriptors() - daemon.base, what="return of the descriptors")
+            wait_until(lambda: daemon.platform("regions")["mappings"] == 0, what="return of the mappings")
+            wait_until(lambda: daemon.platform("messages")["connections"] == 0, what="return of the connections")
+        except AssertionError as error:
+            return [f"{error}: {daemon.descriptors() - daemon.base}"]
+        return []
 
     def prefer(self, key, value):
         ctl("prefs", "set", key, value)
@@ -141,9 +238,83 @@ class DaemonTest(unittest.TestCase):
             self.prefer(key, value)
         daemon = self.launch(prefix)
         daemon.wait_ready()
+        daemon.wait_line("refreshPreferences: App Activation Logging ")
+        daemon.base = daemon.descriptors()
         return daemon
 
-    def launch(self, prefix=()):
-        daemon = Daemon(prefix)
+    def start_reporting(self, variant="standin_swivex", **preferences):
+        """A daemon that writes reports through a stand-in for the trace library."""
+        self.install_trace_library(variant)
+        return self.start(QuorvixEnableSwivex="true", **preferences)
+
+    def launch(self, prefix=(), **options):
+        daemon = Daemon(prefix, **options)
         self.daemons.append(daemon)
         return daemon
+
+    def client(self):
+        client = Client().connect()
+        self.clients.append(client)
+        return client
+
+    def region(self, **options):
+        region = Region(**options)
+        self.clients.append(region)
+        return region
+
+    def watched_client(self, daemon, name="main"):
+        """A connected client of this process that the daemon watches."""
+        client = self.client()
+        before = daemon.count_lines("Initialization complete now watching hangs for ")
+        client.start_watching(self.region(), name)
+        wait_until(lambda: daemon.count_lines("Initialization complete now watching hangs for ") > before)
+        return client
+
+    def child(self, body):
+        child = Child(body)
+        self.children.append(child)
+        return child
+
+    def mount_memory(self, place, options):
+        """A small file system of its own at this folder, until the test ends."""
+        place.mkdir(parents=True, exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", options, "small", str(place)], check=True)
+        self.mounts.append(place)
+
+    def remount_read_only(self, place):
+        subprocess.run(["mount", "-o", "remount,ro", str(place)], check=True)
+
+
+def reports():
+    return sorted(SPOOL.iterdir()) if SPOOL.is_dir() else []
+
+
+def reason_of(report):
+    """The reason record in a report that the stand-in wrote."""
+    line = next(line for line in report.read_text().splitlines() if line.startswith("ReasonString string "))
+    return json.loads(line.removeprefix("ReasonString string "))
+
+
+class DaemonTest(unittest.TestCase):
+    """A test with a world of its own."""
+
+    def setUp(self):
+        self.world = World()
+        self.addCleanup(lambda: self.world.close())
+
+
+class SharedWorldTest(unittest.TestCase):
+    """Tests that look at one world, which arrange() makes once: what takes ticks of the daemon is waited for once."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.world = World()
+        try:
+            cls.arrange()
+        except BaseException:
+            cls.tearDownClass()
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.world.close()

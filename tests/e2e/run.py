@@ -28,8 +28,9 @@ def main():
     if INSIDE not in os.environ:
         os.chdir(ROOT)
         result = pathlib.Path(arguments.json).resolve() if arguments.json else None
-        command = [str(ROOT / "demo/private-root"), "env", f"{INSIDE}=1", "python3", "-B", str(pathlib.Path(__file__).resolve()),
-                   "--build", str(build)]
+        # Process ids of its own too: nobody else takes one while a test gives a certain pid out again.
+        command = [str(ROOT / "demo/private-root"), "unshare", "--pid", "--fork", "--kill-child", "--mount-proc=/proc",
+                   "env", f"{INSIDE}=1", "python3", "-B", str(pathlib.Path(__file__).resolve()), "--build", str(build)]
         # /tmp is another one inside: the counts come back through the tree's build folder.
         if result:
             command += ["--json", str(build / "e2e-result.json")]

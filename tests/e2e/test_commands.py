@@ -4,7 +4,7 @@ import os
 import unittest
 
 import harness
-from quorvix_client import Client, Int64, Region, SharedMemory, TICKS_PER_SECOND, encode, ticks_now
+from quorvix_client import Int64, SharedMemory, TICKS_PER_SECOND, encode, ticks_now
 
 
 class WorkedExamples(unittest.TestCase):
@@ -24,11 +24,9 @@ class WorkedExamples(unittest.TestCase):
 class Commands(harness.DaemonTest):
     def setUp(self):
         super().setUp()
-        self.daemon = self.start()
-        self.client = Client().connect()
-        self.region = Region()
-        self.addCleanup(self.region.close)
-        self.addCleanup(self.client.close)
+        self.daemon = self.world.start()
+        self.client = self.world.client()
+        self.region = self.world.region()
 
     def watch(self):
         self.client.start_watching(self.region, "the name")
