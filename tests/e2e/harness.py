@@ -136,15 +136,18 @@ class Daemon:
 
 
 class Child:
-    """A process of its own that runs body(child); it says lines with child.say(), heard here with hear()."""
+    """A process of its own that runs body(child). It says lines with say(), heard here with hear(), and waits in
+    wait_for_go() for a go() from here."""
 
     def __init__(self, body):
         reading, writing = os.pipe()
+        self.go_reading, self.go_writing = os.pipe()
         self.pid = os.fork()
         if self.pid == 0:
             status = 1
             try:
                 os.close(reading)
+                os.close(self.go_writing)
                 self.writing = writing
                 body(self)
                 status = 0
@@ -153,11 +156,23 @@ class Child:
             finally:
                 os._exit(status)
         os.close(writing)
+        os.close(self.go_reading)
         self.reading = os.fdopen(reading, "rb")
         self.status = None
 
     def say(self, text="ready"):
         os.write(self.writing, text.encode() + b"\n")
+
+    def wait_for_go(self):
+        if not os.read(self.go_reading, 1):
+            raise EOFError("the test has ended")
+
+    def wait_for_end(self):
+        while True:
+            signal.pause()
+
+    def go(self):
+        os.write(self.go_writing, b"g")
 
     def hear(self):
         line = self.reading.readline().decode().rstrip("\n")
@@ -179,6 +194,7 @@ class Child:
     def close(self):
         self.end()
         self.reading.close()
+        os.close(self.go_writing)
 
 
 class World:
@@ -245,7 +261,7 @@ class World:
     def start_reporting(self, variant="standin_swivex", **preferences):
         """A daemon that writes reports through a stand-in for the trace library."""
         self.install_trace_library(variant)
-        return self.start(QuorvixEnableSwivex="true", **preferences)
+        return self.start(**{"QuorvixEnableSwivex": "true", **preferences})
 
     def launch(self, prefix=(), **options):
         daemon = Daemon(prefix, **options)

@@ -8,6 +8,7 @@ import tempfile
 import harness
 from quorvix_client import LEAST_REGION_BYTES, TICKS_PER_SECOND, ticks_now
 
+PROGRAM = os.path.basename(os.path.realpath("/proc/self/exe"))
 WATCHED = "Initialization complete now watching hangs for "
 
 
@@ -107,28 +108,33 @@ class WhatTheTickFinds(harness.SharedWorldTest):
                 region = harness.Region(**make.options)
                 make(region)
                 client.start_watching(region, make.__name__)
+                child.wait_for_go()
+                make.late(region)
                 child.say()
-                harness.wait_until(lambda: False, seconds=120)
+                child.wait_for_end()
             child = cls.world.child(run)
-            child.hear()
             cls.daemon.wait_line(f"({child.pid}) | {make.__name__}")
+            child.go()
+            child.hear()
             cls.pids[make.__name__] = child.pid
 
-        def kind(**options):
+        def kind(late=lambda region: None, **options):
+            """Runs a client whose region is made so, and changed by late() when the daemon watches it."""
             def mark(function):
-                function.options = options
+                function.late, function.options = late, options
                 client_with(function)
             return mark
 
         past = ticks_now() - 60 * TICKS_PER_SECOND
 
-        @kind(slot_count=0xFFFFFFFF)
+        @kind(slot_count=0xFFFFFFFF, length=mmap.PAGESIZE, slots=39)
         def liar(region):
-            pass
+            # Also what fits of slot 39 says inactive: the walk goes on behind the mapping.
+            region.words32[(region.offset(39) + 16) // 4] = 1
 
         @kind(slot_count=21)
-        def off_by_one_page(region):
-            # The slot behind the last one is still in the mapping's page and reads as zeros: as work begun long ago.
+        def one_slot_too_many(region):
+            # It lies in the mapping's last page and reads as zeros: as work without a name, begun long ago.
             pass
 
         @kind()
@@ -142,16 +148,13 @@ class WhatTheTickFinds(harness.SharedWorldTest):
             region.begin(19, "", past)
             region.memory[-64:] = b"Z" * 64
 
-        @kind()
+        @kind(late=lambda region: region.memory.madvise(mmap.MADV_REMOVE, 0, mmap.PAGESIZE))
         def hole(region):
-            region.memory.madvise(mmap.MADV_REMOVE, 0, mmap.PAGESIZE)
+            region.begin(0, "in the hole", ticks_now() + TICKS_PER_SECOND * 3600)
 
-        @kind(length=3 * mmap.PAGESIZE, slots=117)
-        def hole_in_the_middle(region):
-            region.begin(116, "behind the hole", past)
-            for index in range(38, 80):
-                region.words64[region.offset(index) // 8] = 0xFFFFFFFFFFFFFFFF
-            region.memory.madvise(mmap.MADV_REMOVE, mmap.PAGESIZE, mmap.PAGESIZE)
+        @kind(late=lambda region: region.memory.madvise(mmap.MADV_REMOVE, 2 * mmap.PAGESIZE, mmap.PAGESIZE), slots=117)
+        def hole_behind(region):
+            region.begin(1, "before the hole", past)
 
         @kind()
         def two_hangs(region):
@@ -167,11 +170,11 @@ class WhatTheTickFinds(harness.SharedWorldTest):
             region.begin(0, "the honest one", past)
 
         cls.daemon.wait_line("(the honest one)")
+        cls.daemon.wait_line("(before the hole)")
         cls.daemon.wait_line("(the second of two)")
 
     def test_slot_count_of_all_ones_drops_the_process(self):
-        self.daemon.wait_line(f"[platform] The hang channel of python3")
-        self.daemon.wait_line(f"({self.pids['liar']}) can't be read: it is no longer watched")
+        self.daemon.wait_line(f"<default> [platform] The hang channel of {PROGRAM}({self.pids['liar']}) can't be read: it is no longer watched")
         state = self.daemon.status()
         self.assertNotIn(self.pids["liar"], [process["pid"] for process in state["watched"]])
         self.assertEqual(state["counters"]["hangs"]["regionFaults"], 1)
@@ -179,6 +182,10 @@ class WhatTheTickFinds(harness.SharedWorldTest):
     def test_the_others_stay_watched(self):
         watched = [process["pid"] for process in self.daemon.status()["watched"]]
         self.assertEqual(sorted(watched), sorted(pid for name, pid in self.pids.items() if name != "liar"))
+
+    def test_slot_behind_the_region_is_read_as_it_lies_there(self):
+        self.daemon.wait_line(": Hang detected ")
+        self.assertTrue(self.daemon.has_line("s ()"))
 
     def test_name_without_a_nul_ends_at_the_next_one(self):
         self.daemon.wait_line("s (" + "A" * 64 + "B" * 8 + ")")
