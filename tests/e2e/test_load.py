@@ -3,6 +3,7 @@
 import os
 import resource
 import select
+import shutil
 import socket
 import time
 
@@ -136,3 +137,61 @@ class Load(harness.DaemonTest):
         for reader in readers:
             reader.close()
         harness.wait_until(lambda: self.daemon.status()["pid"] == self.daemon.pid)
+
+
+class Slow(harness.DaemonTest):
+    def test_log_that_nobody_reads_does_not_hold_the_daemon_up(self):
+        self.world.prefer("QuorvixEnabled", "true")
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        self.addCleanup(os.close, writing)
+        daemon = self.world.launch(prefix=["/bin/bash", "-c", f'exec "$0" 2>&{writing}'], pass_fds=[writing])
+        daemon.wait_ready()
+        client = self.world.client()
+        for _ in range(5000):
+            client.send_command(9)
+        started = time.monotonic()
+        harness.wait_until(lambda: daemon.platform("messages")["messages"] == 5000)
+        self.assertLess(time.monotonic() - started, 20)
+        self.assertGreater(daemon.platform("log")["droppedLines"], 0)
+
+    def test_folder_of_notifications_that_goes_is_made_again(self):
+        daemon = self.world.start()
+        shutil.rmtree("/run/vex/notify")
+        harness.wait_until(lambda: os.path.isdir("/run/vex/notify"), what="a new folder")
+        before = daemon.count_lines("refreshPreferences: App Activation Logging ")
+
+        def posted():
+            harness.ctl("notify", "com.norvane.quorvix.pref_changed")
+            return daemon.count_lines("refreshPreferences: App Activation Logging ") > before
+
+        harness.wait_until(posted, what="a post that is heard")
+
+    def test_memory_does_not_grow(self):
+        """Bad datagrams, connections and regions in great number leave the daemon as large as it was."""
+        if sanitized():
+            self.skipTest("a sanitized build keeps freed memory for a while")
+        daemon = self.world.start()
+
+        def storm():
+            for _ in range(300):
+                with Client() as client:
+                    region = harness.Region()
+                    client.start_watching(region)
+                    client.hang_detected("storm")
+                    client.send_datagram(b"\xff" * 1000)
+                    client.stop_watching()
+                    region.close()
+            harness.wait_until(lambda: daemon.platform("messages")["connections"] == 0)
+
+        def resident_kib():
+            with open(f"/proc/{daemon.pid}/status") as status:
+                return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
+
+        storm()
+        before = resident_kib()
+        for _ in range(10):
+            storm()
+        grown = resident_kib() - before
+        print(f"grown by {grown} KiB to {before + grown} KiB", end=" ", flush=True)
+        self.assertLess(grown, 256)
