@@ -1,15 +1,45 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <string>
+
+#include "activation/AppActivation.h"
+#include "platform/Notifications.h"
+#include "platform/Relaxed.h"
+#include "platform/SystemLog.h"
+#include "platform/WorkQueue.h"
 
 namespace quorvix {
 
-// Pairs the begin and end of app activations. Not built into the daemon yet: every call says so in the log and does
-// nothing else.
-class AppActivationTracker {
+// Pairs the begin and the end of app activations, one open record a process and bundle, times out begins that never
+// end, and decides which finished activations go to the power log.
+//
+// Begin and end are called on daemonQueue and only queue; all work is done on two queues of the tracker's own:
+// activationQueue (begin, end, time-outs and the map) and logOutputQueue (output, midnight, first unlock). Made on
+// first use, never destroyed.
+class AppActivationTracker : public std::enable_shared_from_this<AppActivationTracker> {
 public:
+    // Clients decide how many activations are begun: past these a begin is dropped and counted.
+    static constexpr std::size_t kMaximumOpenActivations = 4096;
+    static constexpr std::uint32_t kMaximumPendingTimeouts = 16384;
+    // Begins and ends that wait for activationQueue.
+    static constexpr std::uint32_t kMaximumWaitingSteps = 4096;
+    // Bytes of bundle identifiers held by all of these together.
+    static constexpr std::uint64_t kMaximumHeldBytes = std::uint64_t{8} * 1024 * 1024;
+
+    struct Counters {
+        Relaxed<std::uint64_t> openActivations;
+        Relaxed<std::uint64_t> droppedSteps;   // queue full
+        Relaxed<std::uint64_t> droppedBegins;  // too many open or pending
+    };
+
+    // The one tracker; the first call makes it. From any thread.
     static AppActivationTracker& sharedInstance();
+    ~AppActivationTracker();
+    AppActivationTracker(const AppActivationTracker&) = delete;
+    AppActivationTracker& operator=(const AppActivationTracker&) = delete;
 
     // time, vexStartTime: milliseconds since 2001-01-01 00:00:00 UTC. activationState: 1 foreground, 0 background.
     // activationType: 1 launch, else resume.
@@ -18,6 +48,56 @@ public:
                                           std::int32_t activationType);
     void endAppActivationTrackingForPID(std::int32_t pid, std::string bundleID, std::uint64_t time,
                                         std::int32_t activationState, std::int32_t activationResult);
+
+    const Counters& counters() const { return counters_; }
+
+private:
+    struct Begin {
+        std::int32_t pid;
+        std::string bundleID;
+        std::uint64_t time;
+        std::uint64_t vexStartTime;
+        std::int32_t state;
+        std::int32_t type;
+    };
+    struct End {
+        std::int32_t pid;
+        std::string bundleID;
+        std::uint64_t time;
+        std::int32_t state;
+        std::int32_t result;
+    };
+
+    AppActivationTracker() = default;
+    void init();
+    void setupMidnightTimer();
+    void handleFirstUnlock();
+
+    template <class Step>
+    void queueStep(std::size_t bytes, Step step);
+    bool mayBegin();
+    void begin(const Begin& begin);
+    void timeOut(const std::string& key, const Begin& begin);
+    void end(const End& end);
+    void recordOrRefuse(const std::shared_ptr<AppActivation>& record, const End& end);
+
+    // Launch intervals in the performance trace, on internal builds only (LaunchSignposts.cpp).
+    void signpostBeginOfLaunch(std::int32_t pid, const std::string& bundleID);
+    void signpostEndOfLaunch(std::int32_t pid, const std::string& bundleID, bool isValidEndOfLaunch);
+
+    // Open activations by key; on activationQueue only.
+    std::map<std::string, std::shared_ptr<AppActivation>> appActivationDictionary;
+    std::shared_ptr<WorkQueue> logOutputQueue;
+    std::shared_ptr<WorkQueue> activationQueue;
+
+    std::unique_ptr<NotificationToken> firstUnlock_;
+    Counters counters_;
+    Relaxed<std::uint32_t> waitingSteps_{0};
+    Relaxed<std::uint64_t> heldBytes_{0};
+    std::uint32_t pendingTimeouts_ = 0;  // on activationQueue
 };
+
+// The key of an open activation: "pid:bundle".
+std::string activationKey(std::int32_t pid, const std::string& bundleID);
 
 }  // namespace quorvix

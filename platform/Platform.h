@@ -4,11 +4,14 @@
 #include "platform/Json.h"
 #include "platform/MessageService.h"
 #include "platform/Notifications.h"
+#include "platform/PowerLog.h"
 #include "platform/Preferences.h"
 #include "platform/Services.h"
 #include "platform/SharedMemory.h"
+#include "platform/Signposts.h"
 #include "platform/SystemLog.h"
 #include "platform/Time.h"
+#include "platform/VMStatistics.h"
 #include "platform/WorkQueue.h"
 
 namespace quorvix {
@@ -27,6 +30,7 @@ struct Platform {
     SystemLog& log;
     CounterService& counters;
     ProcessQueries& processes;
+    HostStatistics& host;
     Files& files;
     LibraryLoader& libraries;
     JsonService& json;
@@ -34,6 +38,9 @@ struct Platform {
     RenderServer& renderServer;
     ProcessLifecycle& lifecycle;
     StateService& state;
+    PowerLog& powerLog;
+    Signposts& signposts;
+    Console& console;
 };
 
 namespace detail {

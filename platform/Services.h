@@ -8,6 +8,8 @@
 #include <string_view>
 
 #include "platform/Json.h"
+#include "platform/ResourceUsage.h"
+#include "platform/Result.h"
 #include "platform/WorkQueue.h"
 
 // The platform's smallest services, one or two operations each.
@@ -23,12 +25,20 @@ public:
     virtual void pushToDistribution(std::string_view key, double value) = 0;
 };
 
-// Per-process queries.
+// Per-process queries. Listing the pids freezes a table, from which usage and name are answered on the same thread
+// until the next listing; a pid that was gone by then fails with ESRCH.
 class ProcessQueries {
 public:
     virtual ~ProcessQueries() = default;
     // Writes the executable's path into buffer (NUL-terminated where it fits) and returns its length; 0 on failure.
     virtual std::size_t executablePath(std::int32_t pid, std::span<char> buffer) = 0;
+    // Without a buffer: the bytes that all pids need, which also freezes the table. Else fills the buffer with as many
+    // as fit and zeroes the rest of it; the bytes filled. 0 or below: failed.
+    virtual std::int32_t listAllPids(std::int32_t* pids, std::int32_t bufferBytes) = 0;
+    // ESRCH: no such process.
+    virtual Result<void> resourceUsage(std::int32_t pid, ResourceUsage& usage) = 0;
+    // Writes the name, NUL-terminated and cut to the buffer; its length. Fails instead of giving 0.
+    virtual Result<std::size_t> processName(std::int32_t pid, std::span<char> buffer) = 0;
 };
 
 // Run-time library loading, lazy binding.

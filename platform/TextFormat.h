@@ -73,7 +73,7 @@ inline void appendQuoted(std::string& out, std::string_view text) {
     out += '"';
 }
 
-enum class Kind { object, text, signed32, unsigned32, signed64, unsigned64, size, real, pointer, none };
+enum class Kind { object, text, signed32, unsigned32, signed64, unsigned64, hex64, size, real, pointer, none };
 
 struct Conversion {
     Kind kind = Kind::none;
@@ -100,8 +100,8 @@ constexpr Conversion readConversion(std::string_view text) {
     };
     (void)(is("@", Kind::object, false) || is("s", Kind::text, true) || is("d", Kind::signed32, false) ||
            is("i", Kind::signed32, false) || is("u", Kind::unsigned32, false) || is("lld", Kind::signed64, false) ||
-           is("llu", Kind::unsigned64, false) || is("zu", Kind::size, false) || is("f", Kind::real, true) ||
-           is("p", Kind::pointer, false));
+           is("llu", Kind::unsigned64, false) || is("llx", Kind::hex64, false) || is("zu", Kind::size, false) ||
+           is("f", Kind::real, true) || is("p", Kind::pointer, false));
     return conversion;
 }
 
@@ -123,6 +123,7 @@ constexpr bool fits(Kind kind) {
         case Kind::unsigned32: return std::same_as<T, std::uint32_t>;
         case Kind::signed64: return std::same_as<T, std::int64_t>;
         case Kind::unsigned64: return std::same_as<T, std::uint64_t>;
+        case Kind::hex64: return std::same_as<T, std::uint64_t>;
         case Kind::size: return std::same_as<T, std::size_t>;
         case Kind::real: return std::same_as<T, double>;
         case Kind::pointer: return std::same_as<T, ObjectId>;
@@ -144,7 +145,8 @@ void appendConverted(std::string& out, const Conversion& conversion, const T& va
         std::snprintf(digits, sizeof digits, "%lld", static_cast<long long>(value));
         out += digits;
     } else if constexpr (std::same_as<T, std::uint64_t>) {
-        std::snprintf(digits, sizeof digits, "%llu", static_cast<unsigned long long>(value));
+        std::snprintf(digits, sizeof digits, conversion.kind == Kind::hex64 ? "%llx" : "%llu",
+                      static_cast<unsigned long long>(value));
         out += digits;
     } else if constexpr (std::same_as<T, double>) {
         std::snprintf(digits, sizeof digits, "%.*f", conversion.precision < 0 ? 6 : conversion.precision, value);
@@ -205,7 +207,8 @@ constexpr bool formatFits(std::string_view format) {
 //   %@  any object: text, optional (nothing is "(null)"), ErrorCode (its strerror text), WallTime (a date in UTC),
 //       JsonObject (one-line JSON)
 //   %s  text, at most the precision's bytes of it        %p  ObjectId
-//   %d %i int32 or bool   %u uint32   %lld int64   %llu uint64   %zu size_t   %f double, with an optional precision
+//   %d %i int32 or bool   %u uint32   %lld int64   %llu %llx uint64   %zu size_t   %f double, with an optional
+//   precision
 template <class... Args>
 class FormatString {
 public:

@@ -40,6 +40,9 @@ public:
     virtual WallTime now() noexcept = 0;
     // pattern: letters "yyyy", "MM", "dd", "HH", "mm", "ss" and literal text between them.
     virtual std::unique_ptr<DateFormatter> makeDateFormatter(std::string_view pattern) = 0;
+    // The start of the calendar day after the one that `time` lies in, in the local time zone, which is re-read; where
+    // the zone skips midnight, the first moment of that day.
+    virtual WallTime nextLocalMidnight(WallTime time) = 0;
 };
 
 }  // namespace quorvix

@@ -27,7 +27,7 @@ JsonObject settingsObject() {
         {"hudEnabled", current.hudEnabled},
         {"memoryLoggingIntervalSeconds", current.memoryLoggingInterval},
         {"reportPeriodTicks", current.reportPeriodTicks},
-        {"maxActivationCount", current.maxActivationCount},
+        {"maxActivationCount", current.maxActivationCount.load()},
         {"cpuUtilizationThresholdMs", numberOrText(current.cpuUtilizationThreshold)},
     };
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "platform/Relaxed.h"
 #include "platform/WorkQueue.h"
 
 namespace quorvix {
@@ -18,8 +19,8 @@ struct Settings {
     bool hudEnabled = false;
     std::uint32_t memoryLoggingInterval = 3600;     // seconds
     std::uint64_t reportPeriodTicks = 86400000000;  // credits come back every quarter of it: 900 s
-    std::uint32_t maxActivationCount = 200;
-    double cpuUtilizationThreshold = 50.0;  // milliseconds of CPU time
+    Relaxed<std::uint32_t> maxActivationCount{200};
+    Relaxed<double> cpuUtilizationThreshold{50.0};  // milliseconds of CPU time
     std::unique_ptr<RepeatingTimer> hangCheckTimer;
     std::unique_ptr<RepeatingTimer> memoryLoggingTimer;
     std::uint64_t lastCreditRefillTicks = 0;

@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include "platform/linux/DatePattern.h"
+#include "platform/linux/NextDay.h"
 
 namespace quorvix::linuxos {
 
@@ -41,6 +42,19 @@ WallTime LinuxWallClock::now() noexcept {
 
 std::unique_ptr<DateFormatter> LinuxWallClock::makeDateFormatter(std::string_view pattern) {
     return std::make_unique<LinuxDateFormatter>(pattern);
+}
+
+WallTime LinuxWallClock::nextLocalMidnight(WallTime time) {
+    tzset();
+    return startOfNextDay(time, [](std::int64_t second) {
+        const std::time_t moment = second;
+        std::tm local{};
+        localtime_r(&moment, &local);
+        const std::chrono::year_month_day date{std::chrono::year(local.tm_year + 1900),
+                                               std::chrono::month(static_cast<unsigned>(local.tm_mon + 1)),
+                                               std::chrono::day(static_cast<unsigned>(local.tm_mday))};
+        return std::int64_t{std::chrono::sys_days(date).time_since_epoch().count()};
+    });
 }
 
 }  // namespace quorvix::linuxos

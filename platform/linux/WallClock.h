@@ -10,6 +10,7 @@ class LinuxWallClock : public WallClock {
 public:
     WallTime now() noexcept override;
     std::unique_ptr<DateFormatter> makeDateFormatter(std::string_view pattern) override;
+    WallTime nextLocalMidnight(WallTime time) override;
 };
 
 }  // namespace quorvix::linuxos

@@ -2,14 +2,17 @@
 
 #include "platform/Platform.h"
 #include "platform/sim/SimCapabilities.h"
+#include "platform/sim/SimConsole.h"
 #include "platform/sim/SimCounters.h"
 #include "platform/sim/SimFiles.h"
+#include "platform/sim/SimHostStatistics.h"
 #include "platform/sim/SimJson.h"
 #include "platform/sim/SimLibraries.h"
 #include "platform/sim/SimLifecycle.h"
 #include "platform/sim/SimLog.h"
 #include "platform/sim/SimMessageService.h"
 #include "platform/sim/SimNotifications.h"
+#include "platform/sim/SimPowerLog.h"
 #include "platform/sim/SimPreferences.h"
 #include "platform/sim/SimProcesses.h"
 #include "platform/sim/SimPropertyLists.h"
@@ -18,6 +21,7 @@
 #include "platform/sim/SimRenderServer.h"
 #include "platform/sim/SimScheduler.h"
 #include "platform/sim/SimSharedMemory.h"
+#include "platform/sim/SimSignposts.h"
 #include "platform/sim/SimStateService.h"
 #include "platform/sim/SimTickClock.h"
 #include "platform/sim/SimWallClock.h"
@@ -44,6 +48,7 @@ struct SimPlatform {
     SimLog log;
     SimCounters counters;
     SimProcesses processes;
+    SimHostStatistics host;
     SimFiles files;
     SimLibraries libraries;
     SimJson json;
@@ -51,10 +56,34 @@ struct SimPlatform {
     SimRenderServer renderServer;
     SimLifecycle lifecycle;
     SimStateService state;
+    SimPowerLog powerLog;
+    SimSignposts signposts;
+    SimConsole console;
 
-    Platform services{tickClock,     wallClock,    queues,       messages,  regions,   notifications, preferences,
-                      propertyLists, capabilities, log,          counters,  processes, files,         libraries,
-                      json,          random,       renderServer, lifecycle, state};
+    Platform services{.tickClock = tickClock,
+                      .wallClock = wallClock,
+                      .queues = queues,
+                      .messages = messages,
+                      .regions = regions,
+                      .notifications = notifications,
+                      .preferences = preferences,
+                      .propertyLists = propertyLists,
+                      .capabilities = capabilities,
+                      .log = log,
+                      .counters = counters,
+                      .processes = processes,
+                      .host = host,
+                      .files = files,
+                      .libraries = libraries,
+                      .json = json,
+                      .random = random,
+                      .renderServer = renderServer,
+                      .lifecycle = lifecycle,
+                      .state = state,
+                      .powerLog = powerLog,
+                      .signposts = signposts,
+                      .console = console};
+};
 };
 
 }  // namespace quorvix::sim

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/linux/DatePattern.h"
+#include "platform/linux/NextDay.h"
 
 namespace quorvix::sim {
 
@@ -39,6 +40,14 @@ SimWallClock::SimWallClock(TimeSource source) : source_(std::move(source)), zone
 
 std::unique_ptr<DateFormatter> SimWallClock::makeDateFormatter(std::string_view pattern) {
     return std::make_unique<SimDateFormatter>(pattern, zone_);
+}
+
+WallTime SimWallClock::nextLocalMidnight(WallTime time) {
+    return linuxos::startOfNextDay(time, [this](std::int64_t second) {
+        const WallTime moment{std::chrono::seconds(second)};
+        return std::int64_t{
+            std::chrono::floor<std::chrono::days>(moment + (*zone_)(moment)).time_since_epoch().count()};
+    });
 }
 
 void SimWallClock::setTimeZone(std::chrono::seconds offsetEast) {

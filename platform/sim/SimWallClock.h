@@ -21,6 +21,7 @@ public:
 
     WallTime now() noexcept override { return source_(); }
     std::unique_ptr<DateFormatter> makeDateFormatter(std::string_view pattern) override;
+    WallTime nextLocalMidnight(WallTime time) override;
 
     void setTimeZone(std::chrono::seconds offsetEast);
     void setTimeZone(ZoneRule rule) { *zone_ = std::move(rule); }

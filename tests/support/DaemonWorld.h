@@ -10,8 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "activation/ActivationState.h"
+#include "activation/AppActivationTracker.h"
 #include "hang/HangState.h"
 #include "hang/QXProcessInfo.h"
+#include "perfstats/PerfState.h"
 #include "platform/sim/SimPlatform.h"
 #include "platform/swivex.h"
 #include "service/Service.h"
@@ -81,6 +84,8 @@ protected:
         setPlatform(&device.services);
         resetServiceState();
         resetHangState();
+        resetActivationState();
+        resetPerfState();
         traceLibrary = {};
         device.files.addDirectory(kCaches);
     }
@@ -88,6 +93,8 @@ protected:
         // What is still queued and recorded goes while the device lives.
         registrations.reset();
         device.scheduler.dropEverything();
+        resetActivationState();
+        resetPerfState();
         resetHangState();
         resetServiceState();
         setPlatform(nullptr);
