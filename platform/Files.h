@@ -33,6 +33,15 @@ public:
     // EEXIST when the target exists: a move never replaces a file.
     virtual Result<void> moveFile(const FileLocation& from, const FileLocation& to) = 0;
     virtual void close(int descriptor) = 0;
+
+    // Opens a file that is new: an older one of that name is unlinked first, so that nothing of it can be left inside.
+    virtual Result<int> createNewFile(const FileLocation& file, std::uint32_t mode, int protectionClass) = 0;
+    // Writes all of it; a short write is completed.
+    virtual Result<void> write(int descriptor, std::string_view bytes) = 0;
+    // Closes, and says when what was written is lost by that. The descriptor is closed in any case.
+    virtual Result<void> closeChecked(int descriptor) = 0;
+    // Moves, replacing what is there. EXDEV between file systems: nothing is copied.
+    virtual Result<void> replaceFile(const FileLocation& from, const FileLocation& to) = 0;
 };
 
 }  // namespace quorvix

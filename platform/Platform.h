@@ -2,6 +2,7 @@
 
 #include "platform/Files.h"
 #include "platform/Json.h"
+#include "platform/KernelMemory.h"
 #include "platform/MessageService.h"
 #include "platform/Notifications.h"
 #include "platform/PowerLog.h"
@@ -41,6 +42,9 @@ struct Platform {
     PowerLog& powerLog;
     Signposts& signposts;
     Console& console;
+    SystemInformation& systemInformation;
+    ProcessMemory& processMemory;
+    KernelMemory& kernelMemory;
 };
 
 namespace detail {

@@ -75,7 +75,7 @@ void switchMemoryLogging(bool on) {
     }
     quorvixLog().info("refreshPreferences: Memory Logging Enabled");
     if (current.memoryLoggingTimer) return;
-    current.memoryLoggingTimer = daemonQueue().makeTimer(writeMemorySnapshot);
+    current.memoryLoggingTimer = daemonQueue().makeTimer(takeMemorySnapshot);
     scheduleMemoryLoggingTimer();
     current.memoryLoggingTimer->start();
 }
