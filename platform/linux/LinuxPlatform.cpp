@@ -39,13 +39,17 @@ LinuxPlatform::LinuxPlatform()
                 .random = random_,
                 .renderServer = renderServer_,
                 .lifecycle = lifecycle_,
-                .state = state_} {
+                .state = state_,
+                .powerLog = powerLog_} {
     raiseDescriptorLimit();
     // A reader of standard error that goes away must not take the daemon with it.
     std::signal(SIGPIPE, SIG_IGN);
     lifecycle_.addFlushHook([this](std::chrono::nanoseconds budget) {
         // What is not written in time is lost with the process; it was said in the log if the disk is the reason.
         (void)counters_.flush(std::chrono::duration_cast<std::chrono::milliseconds>(budget));
+    });
+    lifecycle_.addFlushHook([this](std::chrono::nanoseconds budget) {
+        (void)powerLog_.flush(std::chrono::duration_cast<std::chrono::milliseconds>(budget));
     });
 }
 
@@ -73,6 +77,7 @@ JsonObject LinuxPlatform::selfCounters() const {
         {"notifications", notifications_.selfCounters()},
         {"preferences", preferences_.selfCounters()},
         {"counters", counters_.selfCounters()},
+        {"powerLog", powerLog_.selfCounters()},
         {"state", state_.selfCounters()},
     };
 }

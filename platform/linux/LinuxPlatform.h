@@ -11,6 +11,7 @@
 #include "platform/linux/Lifecycle.h"
 #include "platform/linux/MessageService.h"
 #include "platform/linux/Notifications.h"
+#include "platform/linux/PowerLogStore.h"
 #include "platform/linux/PreferencesStore.h"
 #include "platform/linux/ProcessQueries.h"
 #include "platform/linux/PropertyListReader.h"
@@ -70,6 +71,7 @@ private:
     LinuxJson json_;
     LinuxRandomSource random_;
     LinuxRenderServer renderServer_;
+    PowerLogStore powerLog_{log_};
     StateWithSelfCounters state_{*this};
     Platform services_;
 };
