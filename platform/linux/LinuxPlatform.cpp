@@ -33,6 +33,7 @@ LinuxPlatform::LinuxPlatform()
                 .log = log_,
                 .counters = counters_,
                 .processes = processes_,
+                .host = host_,
                 .files = files_,
                 .libraries = libraries_,
                 .json = json_,
@@ -40,7 +41,9 @@ LinuxPlatform::LinuxPlatform()
                 .renderServer = renderServer_,
                 .lifecycle = lifecycle_,
                 .state = state_,
-                .powerLog = powerLog_} {
+                .powerLog = powerLog_,
+                .signposts = signposts_,
+                .console = console_} {
     raiseDescriptorLimit();
     // A reader of standard error that goes away must not take the daemon with it.
     std::signal(SIGPIPE, SIG_IGN);
@@ -77,6 +80,8 @@ JsonObject LinuxPlatform::selfCounters() const {
         {"notifications", notifications_.selfCounters()},
         {"preferences", preferences_.selfCounters()},
         {"counters", counters_.selfCounters()},
+        {"signposts", signposts_.selfCounters()},
+        {"console", console_.selfCounters()},
         {"powerLog", powerLog_.selfCounters()},
         {"state", state_.selfCounters()},
     };
