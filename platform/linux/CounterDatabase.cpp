@@ -1,16 +1,11 @@
 #include "platform/linux/CounterDatabase.h"
 
-#include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 
-#include "platform/Result.h"
-#include "platform/linux/Descriptor.h"
 #include "platform/linux/Sqlite.h"
 
 namespace quorvix::linuxos {
@@ -165,24 +160,13 @@ void CounterDatabase::openIfNeeded() {
 }
 
 void CounterDatabase::connect() {
-    makeFile();
+    makeDatabaseFile(path_);
     database_ = std::make_unique<SqliteDatabase>(path_);
     // Write-ahead: a killed process loses nothing that was committed, readers are never in the way. Synchronised at
     // checkpoints only; a power cut may cost the last seconds, never the file.
     database_->execute(
         "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -128;"
         "PRAGMA journal_size_limit = 1048576; PRAGMA temp_store = MEMORY;");
-}
-
-// SQLite would create the file with the umask's mode; its journal takes the file's mode over.
-void CounterDatabase::makeFile() const {
-    constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    const Descriptor file(open(path_.c_str(), kFlags, 0600));
-    struct stat status {};
-    if (!file || fstat(file.get(), &status) != 0 || fchmod(file.get(), 0600) != 0) {
-        throw std::runtime_error(ErrorCode{errno}.text());
-    }
-    if (!S_ISREG(status.st_mode)) throw std::runtime_error(ErrorCode{EEXIST}.text());
 }
 
 void CounterDatabase::prepareSchema() {

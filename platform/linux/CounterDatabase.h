@@ -45,7 +45,6 @@ private:
     Failure attempt(const std::function<void()>& work);
     void openIfNeeded();
     void connect();
-    void makeFile() const;
     void prepareSchema();
     void moveAside(const char* suffix);
     void store(const CounterBatch& batch, std::int64_t seconds, CounterRefusals& refusals);

@@ -33,19 +33,26 @@ LinuxPlatform::LinuxPlatform()
                 .log = log_,
                 .counters = counters_,
                 .processes = processes_,
+                .host = host_,
                 .files = files_,
                 .libraries = libraries_,
                 .json = json_,
                 .random = random_,
                 .renderServer = renderServer_,
                 .lifecycle = lifecycle_,
-                .state = state_} {
+                .state = state_,
+                .powerLog = powerLog_,
+                .signposts = signposts_,
+                .console = console_} {
     raiseDescriptorLimit();
     // A reader of standard error that goes away must not take the daemon with it.
     std::signal(SIGPIPE, SIG_IGN);
     lifecycle_.addFlushHook([this](std::chrono::nanoseconds budget) {
         // What is not written in time is lost with the process; it was said in the log if the disk is the reason.
         (void)counters_.flush(std::chrono::duration_cast<std::chrono::milliseconds>(budget));
+    });
+    lifecycle_.addFlushHook([this](std::chrono::nanoseconds budget) {
+        (void)powerLog_.flush(std::chrono::duration_cast<std::chrono::milliseconds>(budget));
     });
 }
 
@@ -73,6 +80,9 @@ JsonObject LinuxPlatform::selfCounters() const {
         {"notifications", notifications_.selfCounters()},
         {"preferences", preferences_.selfCounters()},
         {"counters", counters_.selfCounters()},
+        {"signposts", signposts_.selfCounters()},
+        {"console", console_.selfCounters()},
+        {"powerLog", powerLog_.selfCounters()},
         {"state", state_.selfCounters()},
     };
 }

@@ -2,15 +2,18 @@
 
 #include "platform/Platform.h"
 #include "platform/linux/Clocks.h"
+#include "platform/linux/Console.h"
 #include "platform/linux/CounterStore.h"
 #include "platform/linux/DeviceCapabilities.h"
 #include "platform/linux/Files.h"
+#include "platform/linux/HostStatistics.h"
 #include "platform/linux/JournalLog.h"
 #include "platform/linux/Json.h"
 #include "platform/linux/LibraryLoader.h"
 #include "platform/linux/Lifecycle.h"
 #include "platform/linux/MessageService.h"
 #include "platform/linux/Notifications.h"
+#include "platform/linux/PowerLogStore.h"
 #include "platform/linux/PreferencesStore.h"
 #include "platform/linux/ProcessQueries.h"
 #include "platform/linux/PropertyListReader.h"
@@ -18,6 +21,7 @@
 #include "platform/linux/RandomSource.h"
 #include "platform/linux/RenderServer.h"
 #include "platform/linux/SharedMemory.h"
+#include "platform/linux/Signposts.h"
 #include "platform/linux/StateService.h"
 #include "platform/linux/WallClock.h"
 
@@ -64,12 +68,16 @@ private:
     LinuxPropertyListReader propertyLists_{log_};
     LinuxDeviceCapabilities capabilities_{log_};
     CounterStore counters_{log_};
-    LinuxProcessQueries processes_;
+    LinuxProcessQueries processes_{log_};
+    LinuxHostStatistics host_;
     LinuxFiles files_;
     LinuxLibraryLoader libraries_;
     LinuxJson json_;
     LinuxRandomSource random_;
     LinuxRenderServer renderServer_;
+    LinuxSignposts signposts_;
+    LinuxConsole console_{log_};
+    PowerLogStore powerLog_{log_};
     StateWithSelfCounters state_{*this};
     Platform services_;
 };

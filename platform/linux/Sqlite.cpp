@@ -1,14 +1,18 @@
 #include "platform/linux/Sqlite.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
+#include <cerrno>
+
+#include "platform/Result.h"
+#include "platform/linux/Descriptor.h"
 #include "platform/linux/Utf8.h"
 
 namespace quorvix::linuxos {
 
 namespace {
-
-constexpr int kBusyTimeoutMs = 1000;
 
 [[noreturn]] void fail(sqlite3* database, int code) {
     throw SqliteError(code & 0xff, database ? sqlite3_errmsg(database) : sqlite3_errstr(code));
@@ -18,14 +22,25 @@ constexpr int kBusyTimeoutMs = 1000;
 
 bool SqliteError::damaged() const { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
 
-SqliteDatabase::SqliteDatabase(const std::string& path) {
-    const int code = sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+void makeDatabaseFile(const std::string& path) {
+    constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    const Descriptor file(open(path.c_str(), kFlags, 0600));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0 || fchmod(file.get(), 0600) != 0) {
+        throw std::runtime_error(ErrorCode{errno}.text());
+    }
+    if (!S_ISREG(status.st_mode)) throw std::runtime_error(ErrorCode{EEXIST}.text());
+}
+
+SqliteDatabase::SqliteDatabase(const std::string& path, std::chrono::milliseconds busyTimeout, SqliteAccess access) {
+    const int mode = access == SqliteAccess::readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
+    const int code = sqlite3_open_v2(path.c_str(), &handle_, mode | SQLITE_OPEN_NOMUTEX, nullptr);
     if (code != SQLITE_OK) {
         const std::string text = handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(code);
         sqlite3_close(handle_);
         throw SqliteError(code & 0xff, text);
     }
-    sqlite3_busy_timeout(handle_, kBusyTimeoutMs);
+    sqlite3_busy_timeout(handle_, static_cast<int>(busyTimeout.count()));
 }
 
 SqliteDatabase::~SqliteDatabase() { sqlite3_close(handle_); }
@@ -99,6 +114,8 @@ void SqliteStatement::run() {
 }
 
 std::int64_t SqliteStatement::integer(int column) const { return sqlite3_column_int64(statement_, column); }
+
+bool SqliteStatement::isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
 
 double SqliteStatement::real(int column) const { return sqlite3_column_double(statement_, column); }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -24,10 +25,20 @@ private:
     int code_;
 };
 
+// Makes a database's file where it is missing, mode 0600: SQLite would make it with the umask's, and gives its journals
+// the file's mode. Throws when there can be no such file; a link or anything but a plain file in its place is refused.
+void makeDatabaseFile(const std::string& path);
+
+enum class SqliteAccess : std::uint8_t { readWrite, readOnly };
+
 // One connection to a database file that exists. One thread at a time.
 class SqliteDatabase {
 public:
-    explicit SqliteDatabase(const std::string& path);
+    static constexpr std::chrono::milliseconds kBusyTimeout{1000};
+
+    // busyTimeout: how long a call waits for another connection's lock.
+    explicit SqliteDatabase(const std::string& path, std::chrono::milliseconds busyTimeout = kBusyTimeout,
+                            SqliteAccess access = SqliteAccess::readWrite);
     ~SqliteDatabase();
     SqliteDatabase(const SqliteDatabase&) = delete;
     SqliteDatabase& operator=(const SqliteDatabase&) = delete;
@@ -65,6 +76,7 @@ public:
 
     std::int64_t integer(int column) const;
     double real(int column) const;
+    bool isNull(int column) const;
     // Valid until the next step or reset.
     std::string_view bytes(int column) const;
 
