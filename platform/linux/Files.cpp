@@ -122,4 +122,47 @@ int LinuxFiles::moveNoReplace(int fromDirectory, const char* from, int toDirecto
 // The descriptor is gone whatever close says, and the file was never promised to be on disk.
 void LinuxFiles::close(int descriptor) { ::close(descriptor); }
 
+Result<int> LinuxFiles::createNewFile(const FileLocation& file, std::uint32_t mode, int) {
+    if (const int error = fileNameError(file.name)) return ErrorCode{error};
+    const auto directory = openDirectory(file.directory);
+    if (!directory) return directory.error();
+    const std::string name(file.name);
+    if (unlinkat(directory->get(), name.c_str(), 0) != 0 && errno != ENOENT) return ErrorCode{errno};
+    // Exclusive creation opens neither a link nor anything else that was put there in between.
+    const int created =
+        openat(directory->get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode & kModeBits);
+    if (created < 0) return ErrorCode{errno};
+    return created;
+}
+
+Result<void> LinuxFiles::write(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return ErrorCode{errno};
+        // No progress without an error is not known of regular files; it must not become an endless loop.
+        if (count == 0) return ErrorCode{EIO};
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return {};
+}
+
+Result<void> LinuxFiles::closeChecked(int descriptor) {
+    // Interrupted or not, the descriptor is gone.
+    if (::close(descriptor) != 0 && errno != EINTR) return ErrorCode{errno};
+    return {};
+}
+
+Result<void> LinuxFiles::replaceFile(const FileLocation& from, const FileLocation& to) {
+    for (const FileLocation& file : {from, to}) {
+        if (const int error = fileNameError(file.name)) return ErrorCode{error};
+    }
+    const auto source = openDirectory(from.directory);
+    if (!source) return source.error();
+    const auto target = openDirectory(to.directory);
+    if (!target) return target.error();
+    return resultOf(
+        renameat(source->get(), std::string(from.name).c_str(), target->get(), std::string(to.name).c_str()));
+}
+
 }  // namespace quorvix::linuxos

@@ -26,6 +26,11 @@ public:
     // EXDEV between file systems: nothing is copied.
     Result<void> moveFile(const FileLocation& from, const FileLocation& to) override;
     void close(int descriptor) override;
+    // EEXIST where something was put in the place at that moment.
+    Result<int> createNewFile(const FileLocation& file, std::uint32_t mode, int protectionClass) override;
+    Result<void> write(int descriptor, std::string_view bytes) override;
+    Result<void> closeChecked(int descriptor) override;
+    Result<void> replaceFile(const FileLocation& from, const FileLocation& to) override;
 
 private:
     int openBeneath(int directory, const char* name, std::uint32_t mode) const;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -57,6 +58,7 @@ struct SimFiles::Node {
     bool isDirectory;
     std::uint32_t mode;
     int protectionClass = 0;
+    int fileSystem = 0;
     int content = -1;
     std::map<std::string, NodePointer, std::less<>> entries;
 };
@@ -117,7 +119,9 @@ Result<void> SimFiles::makeDirectory(std::string_view path, std::uint32_t mode) 
     if (found.error().value != ENOENT || path.empty()) return found.error();
     const auto parent = findDirectory(parentOf(path));
     if (!parent) return parent.error();
-    (*parent)->entries[nameOf(path)] = std::make_shared<Node>(true, mode);
+    const auto made = std::make_shared<Node>(true, mode);
+    made->fileSystem = (*parent)->fileSystem;
+    (*parent)->entries[nameOf(path)] = made;
     return {};
 }
 
@@ -137,6 +141,24 @@ Result<int> SimFiles::createFile(const FileLocation& file, std::uint32_t mode, i
         node->protectionClass = protectionClass;
         (*directory)->entries[std::string(file.name)] = node;
     }
+    return open(node, file);
+}
+
+Result<int> SimFiles::createNewFile(const FileLocation& file, std::uint32_t mode, int protectionClass) {
+    calls_.push_back("createNewFile " + std::string(file.name));
+    if (const auto fault = faults.take("createNewFile")) return *fault;
+    if (const int error = linuxos::fileNameError(file.name)) return ErrorCode{error};
+    const auto directory = findDirectory(file.directory);
+    if (!directory) return directory.error();
+    const auto entry = (*directory)->entries.find(file.name);
+    if (entry != (*directory)->entries.end() && entry->second->isDirectory) return ErrorCode{EISDIR};
+    const auto node = std::make_shared<Node>(false, mode);
+    node->protectionClass = protectionClass;
+    (*directory)->entries[std::string(file.name)] = node;
+    return open(node, file);
+}
+
+Result<int> SimFiles::open(const NodePointer& node, const FileLocation& file) {
     // A description of its own: two who open the same file do not share an offset.
     const std::string self = "/proc/self/fd/" + std::to_string(node->content);
     const int descriptor = ::open(self.c_str(), O_RDWR | O_CLOEXEC);
@@ -161,6 +183,16 @@ Result<void> SimFiles::unlinkFile(const FileLocation& file) {
 Result<void> SimFiles::moveFile(const FileLocation& from, const FileLocation& to) {
     calls_.push_back("moveFile " + std::string(from.name));
     if (const auto fault = faults.take("moveFile")) return *fault;
+    return move(from, to, false);
+}
+
+Result<void> SimFiles::replaceFile(const FileLocation& from, const FileLocation& to) {
+    calls_.push_back("replaceFile " + std::string(from.name));
+    if (const auto fault = faults.take("replaceFile")) return *fault;
+    return move(from, to, true);
+}
+
+Result<void> SimFiles::move(const FileLocation& from, const FileLocation& to, bool replacing) {
     for (const FileLocation& file : {from, to}) {
         if (const int error = linuxos::fileNameError(file.name)) return ErrorCode{error};
     }
@@ -168,12 +200,42 @@ Result<void> SimFiles::moveFile(const FileLocation& from, const FileLocation& to
     if (!source) return source.error();
     const auto target = findDirectory(to.directory);
     if (!target) return target.error();
+    if ((*source)->fileSystem != (*target)->fileSystem) return ErrorCode{EXDEV};
     const auto entry = (*source)->entries.find(from.name);
     if (entry == (*source)->entries.end()) return ErrorCode{ENOENT};
-    if ((*target)->entries.contains(to.name)) return ErrorCode{EEXIST};
+    const auto there = (*target)->entries.find(to.name);
+    if (there != (*target)->entries.end()) {
+        if (!replacing) return ErrorCode{EEXIST};
+        if (there->second->isDirectory) return ErrorCode{EISDIR};
+    }
     const NodePointer node = entry->second;
     (*source)->entries.erase(entry);
     (*target)->entries[std::string(to.name)] = node;
+    return {};
+}
+
+Result<void> SimFiles::write(int descriptor, std::string_view bytes) {
+    const auto file = open_.find(descriptor);
+    if (file == open_.end()) return ErrorCode{EBADF};
+    calls_.push_back("write " + nameOf(file->second.path));
+    if (const auto fault = faults.take("write")) return *fault;
+    const std::size_t fits = std::min(bytes.size(), spaceLeft.value_or(bytes.size()));
+    if (::write(descriptor, bytes.data(), fits) != static_cast<ssize_t>(fits)) std::abort();
+    if (spaceLeft) *spaceLeft -= fits;
+    if (fits < bytes.size()) return ErrorCode{ENOSPC};
+    return {};
+}
+
+Result<void> SimFiles::closeChecked(int descriptor) {
+    const auto file = open_.find(descriptor);
+    if (file == open_.end()) {
+        ++wrongCloses_;
+        return ErrorCode{EBADF};
+    }
+    calls_.push_back("closeChecked " + nameOf(file->second.path));
+    open_.erase(file);
+    ::close(descriptor);
+    if (const auto fault = faults.take("closeChecked")) return *fault;
     return {};
 }
 
@@ -196,7 +258,10 @@ SimFiles::NodePointer SimFiles::makeParents(std::string_view path, std::string& 
     NodePointer here = root_;
     for (const std::string_view part : parts) {
         NodePointer& next = here->entries[std::string(part)];
-        if (!next || !next->isDirectory) next = std::make_shared<Node>(true, 0755);
+        if (!next || !next->isDirectory) {
+            next = std::make_shared<Node>(true, 0755);
+            next->fileSystem = here->fileSystem;
+        }
         here = NodePointer(next);
     }
     return here;
@@ -206,7 +271,14 @@ void SimFiles::addDirectory(std::string_view path) {
     std::string name;
     const NodePointer parent = makeParents(path, name);
     NodePointer& entry = parent->entries[name];
-    if (!entry || !entry->isDirectory) entry = std::make_shared<Node>(true, 0755);
+    if (entry && entry->isDirectory) return;
+    entry = std::make_shared<Node>(true, 0755);
+    entry->fileSystem = parent->fileSystem;
+}
+
+void SimFiles::addMountPoint(std::string_view path) {
+    addDirectory(path);
+    (*find(path))->fileSystem = ++fileSystems_;
 }
 
 void SimFiles::addFile(std::string_view path, std::string_view content) {

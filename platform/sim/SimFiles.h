@@ -28,10 +28,20 @@ public:
     Result<void> unlinkFile(const FileLocation& file) override;
     Result<void> moveFile(const FileLocation& from, const FileLocation& to) override;
     void close(int descriptor) override;
+    Result<int> createNewFile(const FileLocation& file, std::uint32_t mode, int protectionClass) override;
+    // Once the disk is full (spaceLeft), what fits is written and the rest fails.
+    Result<void> write(int descriptor, std::string_view bytes) override;
+    // Closes even where it fails.
+    Result<void> closeChecked(int descriptor) override;
+    Result<void> replaceFile(const FileLocation& from, const FileLocation& to) override;
 
     // Sets the scene: parents are made, what stands at the path is replaced (a directory by a directory stays).
     void addDirectory(std::string_view path);
     void addFile(std::string_view path, std::string_view content = {});
+    // A directory that lies on a file system of its own: nothing is moved into it or out of it.
+    void addMountPoint(std::string_view path);
+    // Bytes that still fit on the disk through write(); nothing: any number.
+    std::optional<std::size_t> spaceLeft;
 
     bool exists(std::string_view path) const;
     // A file's content; nothing when there is no such file.
@@ -45,7 +55,7 @@ public:
     // Where each descriptor that is still open was created; a leak shows here.
     std::vector<std::string> openFiles() const;
     // Every operation on a file that reports are made of, in order: "createFile NAME", "unlinkFile NAME", "moveFile
-    // NAME", "close NAME".
+    // NAME", "close NAME"; "createNewFile", "write", "closeChecked" and "replaceFile" likewise.
     const std::vector<std::string>& calls() const { return calls_; }
     // A close of what is not open here.
     std::uint64_t wrongCloses() const { return wrongCloses_; }
@@ -64,11 +74,14 @@ private:
     Result<NodePointer> find(std::string_view path) const;
     Result<NodePointer> findDirectory(std::string_view path) const;
     NodePointer makeParents(std::string_view path, std::string& name);
+    Result<int> open(const NodePointer& node, const FileLocation& file);
+    Result<void> move(const FileLocation& from, const FileLocation& to, bool replacing);
 
     NodePointer root_;
     std::map<int, OpenFile> open_;
     std::vector<std::string> calls_;
     std::uint64_t wrongCloses_ = 0;
+    int fileSystems_ = 0;
 };
 
 }  // namespace quorvix::sim

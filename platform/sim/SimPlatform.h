@@ -7,6 +7,7 @@
 #include "platform/sim/SimFiles.h"
 #include "platform/sim/SimHostStatistics.h"
 #include "platform/sim/SimJson.h"
+#include "platform/sim/SimKernelMemory.h"
 #include "platform/sim/SimLibraries.h"
 #include "platform/sim/SimLifecycle.h"
 #include "platform/sim/SimLog.h"
@@ -14,6 +15,7 @@
 #include "platform/sim/SimNotifications.h"
 #include "platform/sim/SimPowerLog.h"
 #include "platform/sim/SimPreferences.h"
+#include "platform/sim/SimProcessMemory.h"
 #include "platform/sim/SimProcesses.h"
 #include "platform/sim/SimPropertyLists.h"
 #include "platform/sim/SimQueueService.h"
@@ -23,6 +25,7 @@
 #include "platform/sim/SimSharedMemory.h"
 #include "platform/sim/SimSignposts.h"
 #include "platform/sim/SimStateService.h"
+#include "platform/sim/SimSystemInformation.h"
 #include "platform/sim/SimTickClock.h"
 #include "platform/sim/SimWallClock.h"
 
@@ -59,6 +62,9 @@ struct SimPlatform {
     SimPowerLog powerLog;
     SimSignposts signposts;
     SimConsole console;
+    SimSystemInformation systemInformation;
+    SimProcessMemory processMemory;
+    SimKernelMemory kernelMemory;
 
     Platform services{.tickClock = tickClock,
                       .wallClock = wallClock,
@@ -82,8 +88,10 @@ struct SimPlatform {
                       .state = state,
                       .powerLog = powerLog,
                       .signposts = signposts,
-                      .console = console};
-};
+                      .console = console,
+                      .systemInformation = systemInformation,
+                      .processMemory = processMemory,
+                      .kernelMemory = kernelMemory};
 };
 
 }  // namespace quorvix::sim

@@ -3,13 +3,14 @@
 namespace quorvix::test {
 namespace {
 
-constexpr std::string_view kSnapshotLine = "Memory snapshots are not built in: none was written";
+constexpr std::string_view kSnapshotLine = "Memory snapshot written: ";
 
 class Timers : public DaemonWorld {
 protected:
     using DaemonWorld::DaemonWorld;
     void startWith(std::string_view key) {
         prefer(key, true);
+        device.files.addDirectory("/Library/Logs/Faultbox");
         start();
         device.log.clear();
     }
@@ -22,7 +23,8 @@ protected:
     std::uint64_t checks() { return device.regions.guardedCalls() - checksBefore; }
     std::size_t snapshots() {
         const auto lines = device.log.texts("platform");
-        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), kSnapshotLine));
+        const auto tells = [](const std::string& line) { return line.starts_with(kSnapshotLine); };
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), tells));
     }
     std::size_t dailyResets() {
         std::size_t count = 0;
@@ -262,6 +264,7 @@ class UnreachableInterval : public Timers, public ::testing::WithParamInterface<
 TEST_P(UnreachableInterval, IsTheLargestNumberOfSeconds) {
     prefer("QuorvixMemoryLoggingInterval", GetParam());
     prefer("QuorvixEnableMemoryLogging", true);
+    device.files.addDirectory("/Library/Logs/Faultbox");
     start();
     EXPECT_TRUE(hasText("refreshPreferences: change memoryLoggingInterval to 4294967295"));
     advanceMs(4'294'967'294'999);
