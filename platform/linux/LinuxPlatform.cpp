@@ -43,7 +43,10 @@ LinuxPlatform::LinuxPlatform()
                 .state = state_,
                 .powerLog = powerLog_,
                 .signposts = signposts_,
-                .console = console_} {
+                .console = console_,
+                .systemInformation = systemInformation_,
+                .processMemory = processMemory_,
+                .kernelMemory = kernelMemory_} {
     raiseDescriptorLimit();
     // A reader of standard error that goes away must not take the daemon with it.
     std::signal(SIGPIPE, SIG_IGN);
@@ -83,6 +86,8 @@ JsonObject LinuxPlatform::selfCounters() const {
         {"signposts", signposts_.selfCounters()},
         {"console", console_.selfCounters()},
         {"powerLog", powerLog_.selfCounters()},
+        {"processMemory", processMemory_.selfCounters()},
+        {"kernelMemory", kernelMemory_.selfCounters()},
         {"state", state_.selfCounters()},
     };
 }

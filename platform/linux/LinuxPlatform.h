@@ -9,12 +9,14 @@
 #include "platform/linux/HostStatistics.h"
 #include "platform/linux/JournalLog.h"
 #include "platform/linux/Json.h"
+#include "platform/linux/KernelMemory.h"
 #include "platform/linux/LibraryLoader.h"
 #include "platform/linux/Lifecycle.h"
 #include "platform/linux/MessageService.h"
 #include "platform/linux/Notifications.h"
 #include "platform/linux/PowerLogStore.h"
 #include "platform/linux/PreferencesStore.h"
+#include "platform/linux/ProcessMemory.h"
 #include "platform/linux/ProcessQueries.h"
 #include "platform/linux/PropertyListReader.h"
 #include "platform/linux/QueueService.h"
@@ -23,6 +25,7 @@
 #include "platform/linux/SharedMemory.h"
 #include "platform/linux/Signposts.h"
 #include "platform/linux/StateService.h"
+#include "platform/linux/SystemInformation.h"
 #include "platform/linux/WallClock.h"
 
 namespace quorvix::linuxos {
@@ -78,6 +81,9 @@ private:
     LinuxSignposts signposts_;
     LinuxConsole console_{log_};
     PowerLogStore powerLog_{log_};
+    LinuxSystemInformation systemInformation_;
+    LinuxProcessMemory processMemory_;
+    LinuxKernelMemory kernelMemory_;
     StateWithSelfCounters state_{*this};
     Platform services_;
 };
