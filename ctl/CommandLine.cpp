@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <ostream>
 
+#include "ctl/MemoryCommand.h"
 #include "ctl/PreferencesCommand.h"
 #include "ctl/StateReport.h"
 #include "ctl/StateSocket.h"
@@ -66,11 +67,13 @@ ExitStatus status(bool asJson, const ToolServices& services) {
 // The parser, what it fills, and what the chosen command then runs.
 class CommandLine {
 public:
-    explicit CommandLine(const ToolServices& services) : services_(services), preferences_(services) {
+    explicit CommandLine(const ToolServices& services)
+        : services_(services), preferences_(services), memory_(services) {
         app_.require_subcommand(1);
         addPreferences();
         addNotify();
         addStatus();
+        addMemory();
     }
 
     ExitStatus run(std::vector<std::string> arguments) {
@@ -137,11 +140,46 @@ private:
         command->callback([this] { action_ = [this] { return status(asJson_, services_); }; });
     }
 
+    void addMemory() {
+        CLI::App* group = app_.add_subcommand("memory", "Shows memory snapshot reports and what grew between two");
+        group->require_subcommand(1);
+
+        CLI::App* list = group->add_subcommand("list", "Prints the reports there are, the oldest first");
+        addJsonFlag(list);
+        list->callback([this] { action_ = [this] { return memory_.list(asJson_); }; });
+
+        CLI::App* show = group->add_subcommand("show", "Prints one report");
+        show->add_option("FILE", value_, "A path, or a report's name in the report folder")->required();
+        addJsonFlag(show);
+        show->callback([this] { action_ = [this] { return memory_.show(value_, asJson_); }; });
+
+        CLI::App* diff = group->add_subcommand("diff", "Prints what changed, the greatest growth first");
+        diff->add_option("BEFORE", value_, "The earlier report")->required();
+        diff->add_option("AFTER", otherValue_, "The later one")->required();
+        addRows(diff);
+        addJsonFlag(diff);
+        diff->callback([this] { action_ = [this] { return memory_.diff(value_, otherValue_, rows_, asJson_); }; });
+
+        CLI::App* top = group->add_subcommand("top", "Prints the greatest of the newest report");
+        addRows(top);
+        addJsonFlag(top);
+        top->callback([this] { action_ = [this] { return memory_.top(rows_, asJson_); }; });
+
+        CLI::App* snapshot = group->add_subcommand("snapshot", "Takes a snapshot now, as quorvixd does");
+        snapshot->callback([this] { action_ = [this] { return memory_.snapshot(); }; });
+    }
+
+    void addJsonFlag(CLI::App* command) { command->add_flag("--json", asJson_, "As strict JSON"); }
+    void addRows(CLI::App* command) { command->add_option("--rows", rows_, "Rows of each table"); }
+
     const ToolServices& services_;
     PreferencesCommand preferences_;
+    MemoryCommand memory_;
     CLI::App app_{"The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood.", "quorvixctl"};
     PreferenceRequest request_;
     std::string value_;
+    std::string otherValue_;
+    std::size_t rows_ = MemoryCommand::kRowsByDefault;
     std::string kindName_;
     bool asJson_ = false;
     std::function<ExitStatus()> action_;

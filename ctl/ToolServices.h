@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,10 @@ struct ToolServices {
     std::function<Result<void>(std::string_view notification)> post;
     // The daemon's state socket.
     std::string statePath;
+    // Where memory snapshot reports are.
+    std::string reportFolder;
+    // Takes a memory snapshot in this process: the report's path, or nothing, and standard error says why.
+    std::function<std::optional<std::string>()> takeSnapshot;
     std::ostream& out;
     std::ostream& error;
 };

@@ -3,17 +3,22 @@
 #include <cerrno>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ctl/CommandLine.h"
+#include "memsnapshot/MemorySnapshot.h"
+#include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/Notifications.h"
 #include "platform/linux/PreferencesStore.h"
+#include "service/ServiceState.h"
 
 namespace quorvix::ctl {
 namespace {
 
 constexpr const char* kStatePath = "/run/vex/com.norvane.quorvixd.state";
+constexpr const char* kReportFolder = "/Library/Logs/Faultbox";
 
 // What the services say belongs to the operator who sits there, not to the journal.
 class TerminalLog final : public SystemLog {
@@ -25,6 +30,61 @@ public:
         std::cerr << "quorvixctl: " << text << "\n";
     }
 };
+
+// Where a snapshot's lines go: its failures to the operator, and from its quiet line the report's path.
+class SnapshotLog final : public SystemLog {
+public:
+    bool enabled(std::string_view, std::string_view, LogLevel) noexcept override { return true; }
+    void write(std::string_view, std::string_view, LogLevel level, std::string_view text) override {
+        constexpr std::string_view kWritten = "Memory snapshot written: ";
+        if (level == LogLevel::standard) std::cerr << "quorvixctl: " << text << "\n";
+        if (text.starts_with(kWritten)) {
+            text.remove_prefix(kWritten.size());
+            path = std::string(text.substr(0, text.rfind(" (")));
+        }
+    }
+
+    std::optional<std::string> path;
+};
+
+// The daemon's own code on the real services, of which only those that a snapshot asks are ever used: none of the
+// others opens anything before it is.
+std::optional<std::string> takeSnapshot() {
+    // Never destroyed, as in the daemon.
+    auto& device = *new linuxos::LinuxPlatform;
+    auto& log = *new SnapshotLog;
+    const Platform& real = device.services();
+    auto& services = *new Platform{.tickClock = real.tickClock,
+                                   .wallClock = real.wallClock,
+                                   .queues = real.queues,
+                                   .messages = real.messages,
+                                   .regions = real.regions,
+                                   .notifications = real.notifications,
+                                   .preferences = real.preferences,
+                                   .propertyLists = real.propertyLists,
+                                   .capabilities = real.capabilities,
+                                   .log = log,
+                                   .counters = real.counters,
+                                   .processes = real.processes,
+                                   .host = real.host,
+                                   .files = real.files,
+                                   .libraries = real.libraries,
+                                   .json = real.json,
+                                   .random = real.random,
+                                   .renderServer = real.renderServer,
+                                   .lifecycle = real.lifecycle,
+                                   .state = real.state,
+                                   .powerLog = real.powerLog,
+                                   .signposts = real.signposts,
+                                   .console = real.console,
+                                   .systemInformation = real.systemInformation,
+                                   .processMemory = real.processMemory,
+                                   .kernelMemory = real.kernelMemory};
+    setPlatform(&services);
+    serviceState().reportDateFormatter = real.wallClock.makeDateFormatter("yyyy-MM-dd-HHmmss");
+    takeMemorySnapshot();
+    return log.path;
+}
 
 int run(int argumentCount, char** arguments) {
     TerminalLog log;
@@ -38,6 +98,8 @@ int run(int argumentCount, char** arguments) {
                 return linuxos::postNotification(std::string(linuxos::kNotificationFolder), name);
             },
         .statePath = kStatePath,
+        .reportFolder = kReportFolder,
+        .takeSnapshot = takeSnapshot,
         .out = std::cout,
         .error = std::cerr};
     const ExitStatus status = runCommandLine({arguments + 1, arguments + argumentCount}, services);

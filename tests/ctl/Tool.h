@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -27,6 +28,8 @@ public:
     std::vector<std::string> posted;
     int postError = 0;
     int readError = 0;
+    std::string reportFolder = "/nonexistent/reports";
+    std::optional<std::string> snapshotPath;
     std::ostringstream out;
     std::ostringstream error;
     ToolServices services{.preferences = preferences,
@@ -44,6 +47,8 @@ public:
                               return {};
                           },
                           .statePath = "/nonexistent/state",
+                          .reportFolder = reportFolder,
+                          .takeSnapshot = [this] { return snapshotPath; },
                           .out = out,
                           .error = error};
 };
