@@ -232,5 +232,58 @@ TYPED_TEST(FilesContract, MakesOneDirectoryAtATime) {
     EXPECT_EQ(this->errorOf(this->world_.files.makeDirectory(this->world_.path("tmp/file/a"), 0755)), ENOTDIR);
 }
 
+// Files that are made new, written whole and moved over older ones.
+
+TYPED_TEST(FilesContract, ANewFileHoldsNothingOfTheOlderOne) {
+    this->write("tmp", "report", "something long");
+    const auto descriptor = this->world_.files.createNewFile({this->world_.path("tmp"), "report"}, 0640, 4);
+    ASSERT_TRUE(descriptor);
+    EXPECT_NE(fcntl(*descriptor, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_TRUE(this->world_.files.write(*descriptor, "new"));
+    EXPECT_TRUE(this->world_.files.write(*descriptor, ""));
+    EXPECT_TRUE(this->world_.files.write(*descriptor, "er"));
+    EXPECT_TRUE(this->world_.files.closeChecked(*descriptor));
+    EXPECT_EQ(this->world_.read("tmp/report"), "newer");
+    EXPECT_EQ(this->world_.mode("tmp/report"), 0640u);
+}
+
+TYPED_TEST(FilesContract, ANewFileNeedsOneNameAndItsFolder) {
+    EXPECT_EQ(this->errorOf(this->world_.files.createNewFile({this->world_.path("missing"), "r"}, 0644, 4)), ENOENT);
+    EXPECT_EQ(this->errorOf(this->world_.files.createNewFile({this->world_.path("tmp"), "a/b"}, 0644, 4)), ENOENT);
+    EXPECT_TRUE(this->world_.files.makeDirectory(this->world_.path("tmp/report"), 0755));
+    EXPECT_EQ(this->errorOf(this->world_.files.createNewFile({this->world_.path("tmp"), "report"}, 0644, 4)), EISDIR);
+}
+
+TYPED_TEST(FilesContract, WritesMegabytesWhole) {
+    const auto descriptor = this->world_.files.createNewFile({this->world_.path("tmp"), "report"}, 0644, 4);
+    ASSERT_TRUE(descriptor);
+    const std::string content(3 << 20, 'x');
+    EXPECT_TRUE(this->world_.files.write(*descriptor, content));
+    EXPECT_TRUE(this->world_.files.closeChecked(*descriptor));
+    EXPECT_EQ(this->world_.read("tmp/report"), content);
+}
+
+TYPED_TEST(FilesContract, WhatIsNotOpenCannotBeWrittenOrClosed) {
+    EXPECT_EQ(this->errorOf(this->world_.files.write(-1, "x")), EBADF);
+    EXPECT_EQ(this->errorOf(this->world_.files.closeChecked(-1)), EBADF);
+}
+
+TYPED_TEST(FilesContract, ReplacingMovesOverAnOlderFile) {
+    this->write("tmp", "report", "second");
+    this->write("spool", "report", "first");
+    const std::string tmp = this->world_.path("tmp");
+    const std::string spool = this->world_.path("spool");
+    EXPECT_TRUE(this->world_.files.replaceFile({tmp, "report"}, {spool, "report"}));
+    EXPECT_EQ(this->world_.read("tmp/report"), std::nullopt);
+    EXPECT_EQ(this->world_.read("spool/report"), "second");
+    EXPECT_EQ(this->errorOf(this->world_.files.replaceFile({tmp, "report"}, {spool, "report"})), ENOENT);
+    EXPECT_EQ(this->errorOf(this->world_.files.replaceFile({spool, "report"}, {tmp, "a/b"})), ENOENT);
+    EXPECT_EQ(this->errorOf(this->world_.files.replaceFile({spool, "report"}, {this->world_.path("missing"), "r"})),
+              ENOENT);
+    EXPECT_TRUE(this->world_.files.makeDirectory(this->world_.path("tmp/report"), 0755));
+    EXPECT_EQ(this->errorOf(this->world_.files.replaceFile({spool, "report"}, {tmp, "report"})), EISDIR);
+    EXPECT_EQ(this->world_.read("spool/report"), "second");
+}
+
 }  // namespace
 }  // namespace quorvix

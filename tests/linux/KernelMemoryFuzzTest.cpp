@@ -1,0 +1,33 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "fuzz/SlabInfoEntry.h"
+#include "fuzz/VmallocInfoEntry.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace quorvix {
+namespace {
+
+void expectSeedsHold(const std::string& corpus, bool (*entry)(std::string_view), int least) {
+    const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/corpus" / corpus;
+    int seeds = 0;
+    for (const auto& seed : std::filesystem::directory_iterator(folder)) {
+        const bool bad = seed.path().filename().string().starts_with("bad-");
+        EXPECT_EQ(entry(tests::readWholeFile(seed.path())), !bad) << seed.path();
+        ++seeds;
+    }
+    EXPECT_GE(seeds, least);
+}
+
+TEST(KernelMemoryFuzzTest, EverySeedOfTheSlabListIsReadUnlessItIsNamedBad) {
+    expectSeedsHold("slabinfo", slabInfoHolds, 5);
+}
+
+TEST(KernelMemoryFuzzTest, EverySeedOfTheAreaListIsReadUnlessItIsNamedBad) {
+    expectSeedsHold("vmallocinfo", vmallocInfoHolds, 3);
+}
+
+}  // namespace
+}  // namespace quorvix
