@@ -102,7 +102,13 @@ def client_may(file, angled, quoted):
     return in_folder(quoted, "client") or quoted in C_HEADERS_OF_PLATFORM[:2]
 
 
-def tool_may(_, angled, quoted):
+# The tool takes a memory snapshot with the daemon's own code; only its main, which makes the real services, knows of it.
+SNAPSHOT_HEADERS = ("memsnapshot/MemorySnapshot.h", "service/ServiceState.h")
+
+
+def tool_may(file, angled, quoted):
+    if file == "ctl/main.cpp" and quoted in SNAPSHOT_HEADERS:
+        return True
     return bool(angled) or in_folder(quoted, "ctl", "platform/linux") or is_interface(quoted)
 
 

@@ -92,6 +92,8 @@ class IncludeRule(unittest.TestCase):
 
     def test_the_tool_may_not_use_a_subsystem(self):
         self.refuses("ctl/Bad.cpp", '#include "service/Core.h"')
+        self.refuses("ctl/main.cpp", '#include "service/Core.h"')
+        self.refuses("ctl/Bad.cpp", '#include "memsnapshot/MemorySnapshot.h"')
 
     def test_a_file_that_is_not_there_is_refused(self):
         self.refuses("hang/Bad.cpp", '#include "platform/Gone.h"')
