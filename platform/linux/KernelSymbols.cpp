@@ -27,6 +27,7 @@ void KernelSymbols::want(std::string_view symbol, std::string_view module) {
     }
     addresses_.emplace(std::move(name), 0);
     unread_ = true;
+    ++missing_;
 }
 
 void KernelSymbols::lookUp() {
@@ -37,7 +38,7 @@ void KernelSymbols::lookUp() {
     ++listReads_;
     std::vector<char> buffer(kPiece);
     std::size_t length = 0;
-    for (;;) {
+    while (missing_ > 0) {
         const ssize_t count = ::read(file.get(), buffer.data() + length, buffer.size() - length);
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) break;
@@ -52,7 +53,8 @@ void KernelSymbols::lookUp() {
         std::memmove(buffer.data(), text.data(), text.size());
         length = text.size();
     }
-    if (length > 0 && length < buffer.size()) readLine({buffer.data(), length});
+    // The last line may lack its end.
+    if (missing_ > 0 && length > 0 && length < buffer.size()) readLine({buffer.data(), length});
 }
 
 void KernelSymbols::readLine(std::string_view line) {
@@ -60,7 +62,9 @@ void KernelSymbols::readLine(std::string_view line) {
     if (!symbol || symbol->address == 0) return;
     const auto found = addresses_.find(Order::View{symbol->name, symbol->module});
     // Of several static functions of a name the first counts.
-    if (found != addresses_.end() && found->second == 0) found->second = symbol->address;
+    if (found == addresses_.end() || found->second != 0) return;
+    found->second = symbol->address;
+    --missing_;
 }
 
 std::optional<std::uint64_t> KernelSymbols::addressOf(std::string_view symbol, std::string_view module) const {

@@ -22,7 +22,7 @@ public:
 
     // Wants this name; ignored once there are too many.
     void want(std::string_view symbol, std::string_view module);
-    // Reads the list where a wanted name was never looked for.
+    // Reads the list where a wanted name was never looked for, up to the last name that is missing.
     void lookUp();
     // Nothing: not in the list, or the kernel hides its addresses.
     std::optional<std::uint64_t> addressOf(std::string_view symbol, std::string_view module) const;
@@ -45,6 +45,7 @@ private:
     const std::string path_;
     std::map<Name, std::uint64_t, Order> addresses_;  // 0: not known
     bool unread_ = false;
+    std::size_t missing_ = 0;  // names without an address
     std::uint64_t listReads_ = 0;
     std::uint64_t droppedNames_ = 0;
 };
