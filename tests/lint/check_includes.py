@@ -103,7 +103,8 @@ def client_may(file, angled, quoted):
 
 
 def tool_may(_, angled, quoted):
-    return bool(angled) or in_folder(quoted, "ctl", "platform/linux") or is_interface(quoted)
+    # The measuring and its renderings are the same code in the daemon and in the tool.
+    return bool(angled) or in_folder(quoted, "ctl", "platform/linux", "activation", "perfstats") or is_interface(quoted)
 
 
 def trace_library_may(_, angled, quoted):
