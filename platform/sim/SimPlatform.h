@@ -84,6 +84,5 @@ struct SimPlatform {
                       .signposts = signposts,
                       .console = console};
 };
-};
 
 }  // namespace quorvix::sim
