@@ -7,7 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "TaskIterator.lskel.h"
+#include <TaskIterator.lskel.h>
 
 struct quorvix_task_program {
     struct task_iterator* skeleton;
