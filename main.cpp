@@ -10,7 +10,7 @@ int main() {
     quorvix::setPlatform(&platform.services());
 
     // Held for the whole process.
-    const quorvix::ServiceRegistrations registrations = quorvix::startService();
+    [[maybe_unused]] const quorvix::ServiceRegistrations registrations = quorvix::startService();
 
     platform.announceTerminationOn(quorvix::serviceState().daemonQueue);
     platform.services().queues.runMain();

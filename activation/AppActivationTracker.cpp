@@ -216,11 +216,25 @@ void AppActivationTracker::recordOrRefuse(const std::shared_ptr<AppActivation>& 
             static_cast<std::int32_t>(recorded.load()));
         return;
     }
-    logOutputQueue->async([record, bundleID = end.bundleID] {
+    send(record, end.bundleID);
+}
+
+void AppActivationTracker::send(const std::shared_ptr<AppActivation>& record, const std::string& bundleID) {
+    // The captured identifier and the record's copy of it.
+    const std::uint64_t bytes = 2 * bundleID.size();
+    if (waitingOutputs_ >= kMaximumWaitingOutputs || heldBytes_ + bytes > kMaximumHeldBytes) {
+        counters_.droppedOutputs.add(1);
+        return;
+    }
+    waitingOutputs_.add(1);
+    heldBytes_.add(bytes);
+    logOutputQueue->async([this, self = shared_from_this(), record, bundleID, bytes] {
         const std::uint32_t count = quorvix::activationState().activationsRecordedCount.add(1);
         record->logAppActivationData(kOutputWattrel);
         quorvixLog().debug("QXActivationStats: Sending activation for %@ to Wattrel. Number Of Activations recorded:%d",
                            bundleID, static_cast<std::int32_t>(count));
+        waitingOutputs_.add(static_cast<std::uint32_t>(-1));
+        heldBytes_.add(0 - bytes);
     });
 }
 

@@ -26,13 +26,16 @@ public:
     static constexpr std::uint32_t kMaximumPendingTimeouts = 16384;
     // Begins and ends that wait for activationQueue.
     static constexpr std::uint32_t kMaximumWaitingSteps = 4096;
+    // Finished activations that wait for the power log: as long as none has landed, the daily limit lets all pass.
+    static constexpr std::uint32_t kMaximumWaitingOutputs = 1024;
     // Bytes of bundle identifiers held by all of these together.
     static constexpr std::uint64_t kMaximumHeldBytes = std::uint64_t{8} * 1024 * 1024;
 
     struct Counters {
         Relaxed<std::uint64_t> openActivations;
-        Relaxed<std::uint64_t> droppedSteps;   // queue full
-        Relaxed<std::uint64_t> droppedBegins;  // too many open or pending
+        Relaxed<std::uint64_t> droppedSteps;    // queue full
+        Relaxed<std::uint64_t> droppedBegins;   // too many open or pending
+        Relaxed<std::uint64_t> droppedOutputs;  // the power log is too far behind
     };
 
     // The one tracker; the first call makes it. From any thread.
@@ -80,6 +83,7 @@ private:
     void timeOut(const std::string& key, const Begin& begin);
     void end(const End& end);
     void recordOrRefuse(const std::shared_ptr<AppActivation>& record, const End& end);
+    void send(const std::shared_ptr<AppActivation>& record, const std::string& bundleID);
 
     // Launch intervals in the performance trace, on internal builds only (LaunchSignposts.cpp).
     void signpostBeginOfLaunch(std::int32_t pid, const std::string& bundleID);
@@ -93,6 +97,7 @@ private:
     std::unique_ptr<NotificationToken> firstUnlock_;
     Counters counters_;
     Relaxed<std::uint32_t> waitingSteps_{0};
+    Relaxed<std::uint32_t> waitingOutputs_{0};
     Relaxed<std::uint64_t> heldBytes_{0};
     std::uint32_t pendingTimeouts_ = 0;  // on activationQueue
 };

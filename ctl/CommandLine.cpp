@@ -5,10 +5,14 @@
 #include <cerrno>
 #include <ostream>
 
+#include "ctl/ActivationMessages.h"
+#include "ctl/ActivationRun.h"
+#include "ctl/ActivationsCommand.h"
 #include "ctl/MemoryCommand.h"
 #include "ctl/PreferencesCommand.h"
 #include "ctl/StateReport.h"
 #include "ctl/StateSocket.h"
+#include "platform/linux/MessageCodec.h"
 
 namespace quorvix::ctl {
 
@@ -64,15 +68,33 @@ ExitStatus status(bool asJson, const ToolServices& services) {
     return ExitStatus::done;
 }
 
+ExitStatus tell(const std::vector<std::uint8_t>& message, const ToolServices& services) {
+    if (message.size() > linuxos::kMaximumDatagramBytes) {
+        services.error << "quorvixctl: the bundle identifier is too long for a message\n";
+        return ExitStatus::usage;
+    }
+    const Result<void> sent = sendMessage(services.messagePath, message);
+    if (sent) return ExitStatus::done;
+    const int error = sent.error().value;
+    services.error << "quorvixctl: "
+                   << (error == ENOENT || error == ECONNREFUSED
+                           ? "quorvixd is not running (nothing listens at " + services.messagePath + ")"
+                           : "quorvixd could not be told: " + sent.error().text())
+                   << "\n";
+    return ExitStatus::failed;
+}
+
 // The parser, what it fills, and what the chosen command then runs.
 class CommandLine {
 public:
     explicit CommandLine(const ToolServices& services)
-        : services_(services), preferences_(services), memory_(services) {
+        : services_(services), preferences_(services), activations_(services), memory_(services) {
         app_.require_subcommand(1);
         addPreferences();
         addNotify();
         addStatus();
+        addActivations();
+        addActivation();
         addMemory();
     }
 
@@ -169,11 +191,89 @@ private:
         snapshot->callback([this] { action_ = [this] { return memory_.snapshot(); }; });
     }
 
-    void addJsonFlag(CLI::App* command) { command->add_flag("--json", asJson_, "As strict JSON"); }
+    void addActivations() {
+        CLI::App* group = app_.add_subcommand("activations", "Shows the app activations that quorvixd has stored");
+        group->require_subcommand(1);
+
+        CLI::App* list = group->add_subcommand("list", "The activations, newest first");
+        list->add_option("--limit", limit_, "At most so many")->capture_default_str();
+        addJsonFlag(list);
+        list->callback([this] { action_ = [this] { return activations_.list(limit_, form()); }; });
+
+        CLI::App* show = group->add_subcommand("show", "One activation: record, processes, memory");
+        show->add_option("ID", value_, "Its ID, decimal or hexadecimal; \"activations list\" prints them")->required();
+        CLI::Option* console = show->add_flag("--console", asConsole_, "In the layout of the console's tables");
+        addJsonFlag(show)->excludes(console);
+        show->callback([this] { action_ = [this] { return activations_.show(value_, form()); }; });
+
+        CLI::App* stats = group->add_subcommand("stats", "Durations by app: count, percentiles, longest");
+        addJsonFlag(stats);
+        stats->callback([this] { action_ = [this] { return activations_.stats(form()); }; });
+    }
+
+    void addActivation() {
+        CLI::App* group = app_.add_subcommand("activation", "Measures a command, or tells quorvixd of an activation");
+        group->require_subcommand(1);
+
+        CLI::App* run = group->add_subcommand("run", "Runs a command and shows what every process used meanwhile");
+        CLI::Option* console = run->add_flag("--console", asConsole_, "As the console's tables; the default");
+        addJsonFlag(run)->excludes(console);
+        run->add_option("COMMAND", command_, "The command and its arguments, after \"--\"")->required();
+        run->callback([this] { action_ = [this] { return runActivation(command_, form(), services_); }; });
+
+        CLI::App* begin = group->add_subcommand("begin", "Tells quorvixd that an app's launch or resume begins");
+        addApp(begin);
+        CLI::Option* launch = begin->add_flag("--launch", isLaunch_, "The app starts; the default");
+        begin->add_flag("--resume", isResume_, "The app comes back")->excludes(launch);
+        begin->callback([this] {
+            action_ = [this] {
+                const std::uint64_t now = activationClockNow();
+                return tell(messageOf(ActivationBegin{.pid = pid_,
+                                                      .bundleID = value_,
+                                                      .startTime = now,
+                                                      .foreground = !isBackground_,
+                                                      .launch = !isResume_},
+                                      activationClockNow()),
+                            services_);
+            };
+        });
+
+        CLI::App* end = group->add_subcommand("end", "Tells quorvixd that it has ended");
+        addApp(end);
+        end->add_option("--result", result_, "The launcher's own code; 32 and 33 are quorvixd's")
+            ->check(CLI::Range(0, 255));
+        end->callback([this] {
+            action_ = [this] {
+                return tell(messageOf(ActivationEnd{.pid = pid_,
+                                                    .bundleID = value_,
+                                                    .endTime = activationClockNow(),
+                                                    .foreground = !isBackground_,
+                                                    .result = result_}),
+                            services_);
+            };
+        });
+    }
+
+    void addApp(CLI::App* command) {
+        command->add_option("--pid", pid_, "The app's process")->required()->check(CLI::PositiveNumber);
+        command->add_option("--bundle", value_, "The app's bundle identifier")->required();
+        CLI::Option* foreground =
+            command->add_flag("--foreground", isForeground_, "The app is in the foreground; the default");
+        command->add_flag("--background", isBackground_, "It is not")->excludes(foreground);
+    }
+
+    CLI::Option* addJsonFlag(CLI::App* command) { return command->add_flag("--json", asJson_, "As JSON"); }
+
+    OutputForm form() const {
+        if (asJson_) return OutputForm::json;
+        return asConsole_ ? OutputForm::console : OutputForm::text;
+    }
+
     void addRows(CLI::App* command) { command->add_option("--rows", rows_, "Rows of each table"); }
 
     const ToolServices& services_;
     PreferencesCommand preferences_;
+    ActivationsCommand activations_;
     MemoryCommand memory_;
     CLI::App app_{"The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood.", "quorvixctl"};
     PreferenceRequest request_;
@@ -181,7 +281,16 @@ private:
     std::string otherValue_;
     std::size_t rows_ = MemoryCommand::kRowsByDefault;
     std::string kindName_;
+    std::vector<std::string> command_;
+    std::int32_t pid_ = 0;
+    std::int32_t result_ = 0;
+    std::uint32_t limit_ = 100;
     bool asJson_ = false;
+    bool asConsole_ = false;
+    bool isLaunch_ = false;  // what holds without --resume; likewise below
+    bool isResume_ = false;
+    bool isForeground_ = false;
+    bool isBackground_ = false;
     std::function<ExitStatus()> action_;
 };
 

@@ -6,44 +6,19 @@
 #include <vector>
 
 #include "ctl/PreferenceText.h"
+#include "ctl/TextTable.h"
 
 namespace quorvix::ctl {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-using Row = std::vector<std::string>;
-
-constexpr std::string_view kIndent = "  ";
+using Row = TextRow;
 
 std::string cell(const Json& value) {
     if (value.is_null()) return "-";
     if (value.is_string()) return printable(value.get_ref<const std::string&>());
     return printable(value.dump());
-}
-
-// Columns as wide as their widest cell; names and paths hold UTF-8, so that characters count and not bytes.
-std::size_t width(const std::string& text) {
-    return static_cast<std::size_t>(std::ranges::count_if(text, [](char byte) { return (byte & 0xc0) != 0x80; }));
-}
-
-void appendTable(std::string& out, const std::vector<Row>& rows) {
-    std::vector<std::size_t> widths;
-    for (const Row& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t column = 0; column < row.size(); ++column) {
-            widths[column] = std::max(widths[column], width(row[column]));
-        }
-    }
-    for (const Row& row : rows) {
-        for (std::size_t column = 0; column < row.size(); ++column) {
-            out += kIndent;
-            out += row[column];
-            // Nothing after the last column: no line ends in blanks.
-            if (column + 1 < row.size()) out.append(widths[column] - width(row[column]), ' ');
-        }
-        out += '\n';
-    }
 }
 
 // One row a member; a group in the group is one path a row: "hangs.regionFaults".

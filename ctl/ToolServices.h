@@ -27,6 +27,9 @@ struct ToolServices {
     std::function<std::optional<std::string>()> takeSnapshot;
     std::ostream& out;
     std::ostream& error;
+    // The daemon's power log, and the socket on which it takes messages.
+    std::string powerLogPath = "/var/lib/quorvix/wattrel.db";
+    std::string messagePath = "/run/vex/com.norvane.quorvixd";
 };
 
 }  // namespace quorvix::ctl

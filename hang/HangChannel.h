@@ -31,6 +31,10 @@ struct HangChannelRegion {
 // The region's version; nothing when it can't be read.
 std::optional<std::uint32_t> hangChannelVersion(const HangChannelRegion& region);
 
+// Asks the processor to fetch the slots of a region that is looked at next: the memory of a thousand clients is in no
+// cache, and waiting for it is most of what a check costs. Reads nothing, can't fault.
+void prefetchHangChannel(const HangChannelRegion& region) noexcept;
+
 // Finds the first slot whose work has run for more than 5000 ms, marks it as reported and copies it to `slot`
 // (`found` says whether there is one). False: the region can't be read. Allocates nothing, makes no system call.
 [[nodiscard]] bool findHangingSlot(const HangChannelRegion& region, std::uint64_t now, double msPerTick,

@@ -2,11 +2,19 @@
 
 #include <algorithm>
 
+#include "hang/HangChannel.h"
 #include "hang/HangState.h"
 #include "platform/Platform.h"
 #include "service/Log.h"
 
 namespace quorvix {
+
+namespace {
+
+// A check of one region takes about half as long as its memory takes to arrive.
+constexpr std::size_t kPrefetchDistance = 2;
+
+}  // namespace
 
 std::shared_ptr<QXProcessInfo> QXProcessInfo::startWatchingPid(std::int32_t pid, void* sharedMem,
                                                                std::uint64_t length) {
@@ -50,7 +58,14 @@ std::shared_ptr<QXProcessInfo> QXProcessInfo::processForFenceHangs() {
 void QXProcessInfo::checkForHangTimeouts(std::uint64_t now) {
     HangState& state = hangState();
     // Nothing in the walk changes the list: a process whose region faults is only noted, and dropped below.
-    for (const auto& process : state.watchedProcesses) process->checkEventsForTimeouts(now);
+    const auto& watched = state.watchedProcesses;
+    for (std::size_t i = 0; i < watched.size(); ++i) {
+        if (i + kPrefetchDistance < watched.size()) {
+            const QXProcessInfo& later = *watched[i + kPrefetchDistance];
+            prefetchHangChannel({later.shmem_region, later.shmem_length});
+        }
+        watched[i]->checkEventsForTimeouts(now);
+    }
     if (state.faultedProcesses.empty()) return;
     for (const QXProcessInfo* const faulted : state.faultedProcesses) {
         ++state.regionFaults;

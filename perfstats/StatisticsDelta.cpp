@@ -30,12 +30,12 @@ std::int32_t byCPUUse(const task_statistics& a, const task_statistics& b) {
 }
 
 // A merge sort of our own: both comparators wrap and are not transitive, which a library sort may answer by leaving
-// its bounds. Sorts 32-bit positions and then moves each entry once. Stable. Without memory the order stays.
+// its bounds. Sorts 32-bit positions and then moves each entry once. Stable. False without memory: the order stays.
 template <class Compare>
-void mergeSort(task_statistics* entries, std::size_t count, Compare compare) {
-    if (count < 2) return;
+[[nodiscard]] bool mergeSort(task_statistics* entries, std::size_t count, Compare compare) {
+    if (count < 2) return true;
     const auto positions = SnapshotArray<std::uint32_t>::allocate(2 * count);
-    if (!positions) return;
+    if (!positions) return false;
     std::uint32_t* from = positions.get();
     std::uint32_t* to = from + count;
     std::iota(from, from + count, 0u);
@@ -67,6 +67,7 @@ void mergeSort(task_statistics* entries, std::size_t count, Compare compare) {
         entries[hole] = saved;
         from[hole] = static_cast<std::uint32_t>(hole);
     }
+    return true;
 }
 
 void copyName(const task_statistics& from, task_statistics& to) { std::memcpy(to.name, from.name, sizeof to.name); }
@@ -146,11 +147,12 @@ std::unique_ptr<cpu_statistics> delta_cpu_statistics(cpu_statistics* start, cpu_
     }
     const auto startCount = static_cast<std::size_t>(start->count);
     const auto endCount = static_cast<std::size_t>(end->count);
-    mergeSort(start->tasks.get(), startCount, byPid);
-    mergeSort(end->tasks.get(), endCount, byPid);
+    // Merging lists out of order would report the same process as dead and as new.
+    const bool sorted =
+        mergeSort(start->tasks.get(), startCount, byPid) && mergeSort(end->tasks.get(), endCount, byPid);
 
     std::unique_ptr<cpu_statistics> result;
-    if (perfState().memory.reserve(sizeof(cpu_statistics))) {
+    if (sorted && perfState().memory.reserve(sizeof(cpu_statistics))) {
         perfState().memory.release(sizeof(cpu_statistics));
         result.reset(new (std::nothrow) cpu_statistics);
     }
@@ -186,7 +188,10 @@ std::unique_ptr<cpu_statistics> delta_cpu_statistics(cpu_statistics* start, cpu_
         ++k;
     }
     result->count = static_cast<std::int32_t>(k);
-    mergeSort(result->tasks.get(), k, byCPUUse);
+    if (!mergeSort(result->tasks.get(), k, byCPUUse)) {
+        quorvixLog().standard("QXActivationStats: delta_cpu_statistics: Failed to allocate memory for tasks\n");
+        return nullptr;
+    }
     return result;
 }
 

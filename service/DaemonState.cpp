@@ -2,8 +2,11 @@
 
 #include <cmath>
 
+#include "activation/ActivationState.h"
+#include "activation/AppActivationTracker.h"
 #include "hang/HangState.h"
 #include "hang/QXProcessInfo.h"
+#include "perfstats/PerfState.h"
 #include "service/ServiceState.h"
 
 namespace quorvix {
@@ -32,6 +35,23 @@ JsonObject settingsObject() {
     };
 }
 
+// Looks at the tracker where it was made already; a look does not make it.
+JsonObject activationCounters() {
+    const ActivationState& state = activationState();
+    const AppActivationTracker::Counters counters =
+        state.sharedInstance ? state.sharedInstance->counters() : AppActivationTracker::Counters{};
+    return {
+        {"recordedToday", state.activationsRecordedCount.load()}, {"open", counters.openActivations.load()},
+        {"stepsDropped", counters.droppedSteps.load()},           {"beginsDropped", counters.droppedBegins.load()},
+        {"outputsDropped", counters.droppedOutputs.load()},
+    };
+}
+
+JsonObject snapshotCounters() {
+    const SnapshotMemory& memory = perfState().memory;
+    return {{"bytesUsed", std::uint64_t{memory.usedBytes()}}, {"allocationsRefused", memory.refusals()}};
+}
+
 }  // namespace
 
 JsonObject daemonState() {
@@ -51,7 +71,9 @@ JsonObject daemonState() {
         {"appCredits", std::move(appCredits)},
         {"dailyCredits", JsonObject{{"left", hangs.dailyLogCredits}, {"limit", hangs.maxDailyLogs}}},
         {"counters", JsonObject{{"hangs", JsonObject{{"regionFaults", hangs.regionFaults},
-                                                     {"displayClearsDropped", hangs.displayClearsDropped}}}}},
+                                                     {"displayClearsDropped", hangs.displayClearsDropped}}},
+                                {"activations", activationCounters()},
+                                {"snapshots", snapshotCounters()}}},
     };
 }
 

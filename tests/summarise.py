@@ -194,8 +194,11 @@ def run_reporting_command(arguments):
             group.failed = failed
         elif status != 0:
             group.fail(f"{arguments.name}: {ending(status)}", output)
-        elif group.passed == 0:
+        elif group.passed + group.skipped == 0:
             group.fail(f"{arguments.name}: ran no test", output)
+        elif group.passed == 0:
+            # Nothing else would say why.
+            print(f"  {arguments.name}: all skipped: {output.strip()[:500]}", flush=True)
     count_printed_findings(group, arguments.name, output, 0)
     count_sanitizer_findings(group, arguments.results)
     group.write(arguments.results)

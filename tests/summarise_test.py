@@ -111,6 +111,14 @@ class Summarise(unittest.TestCase):
         self.reporting('{"passed": 3, "failed": 0, "skipped": 0}', 1)
         self.assertEqual(self.last_line_and_status(), ("3 passed, 1 failed", 1))
 
+    def test_a_report_of_skipped_tests_alone_is_neither_passed_nor_failed(self):
+        self.reporting('{"passed": 0, "failed": 0, "skipped": 2}', 0)
+        self.assertEqual(self.last_line_and_status(), ("0 passed, 0 failed, 2 skipped", 1))
+
+    def test_an_empty_report_counts_as_failed(self):
+        self.reporting('{"passed": 0, "failed": 0, "skipped": 0}', 0)
+        self.assertEqual(self.last_line_and_status(), ("0 passed, 1 failed", 1))
+
     def test_nothing_at_all_is_not_success(self):
         self.assertEqual(self.last_line_and_status(), ("0 passed, 0 failed", 1))
 

@@ -21,7 +21,7 @@ namespace {
 constexpr const char* kFileName = "quorvix.prom";
 // The collector reads names that end in .prom only.
 constexpr const char* kTemporaryName = "quorvix.prom.new";
-constexpr std::size_t kFlushAt = 64 * 1024;
+constexpr std::size_t kFlushAt = std::size_t{64} * 1024;
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 constexpr double kMillisecondsPerSecond = 1000;
 

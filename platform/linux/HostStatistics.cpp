@@ -50,31 +50,31 @@ vm_statistics64 vmStatisticsOf(std::string_view meminfo, std::string_view vmstat
         return numberOfLine(meminfo, key).value_or(0) * kKilobyte / pageBytes;
     };
     const auto counter = [&](std::string_view key) { return numberOfLine(vmstat, key).value_or(0); };
-    const std::uint64_t kernelPages = pages("Slab") + pages("KernelStack") + pages("PageTables") +
-                                      pages("SecPageTables") + pages("Percpu") + pages("Unevictable");
-    const std::uint64_t throttled = pages("Writeback") + pages("WritebackTmp");
+    // What can't be moved to a disk: memory of the kernel that it can't give back, and what programs locked.
+    const std::uint64_t wired = pages("SUnreclaim") + pages("KernelStack") + pages("PageTables") +
+                                pages("SecPageTables") + pages("Percpu") + pages("Unevictable");
+    // Shared memory counts as cached, although no file can take it.
+    const std::uint64_t cached = pages("Cached") + pages("Buffers");
+    const std::uint64_t shared = pages("Shmem");
 
     vm_statistics64 statistics{};
     statistics.free_count = clamped(pages("MemFree"));
     statistics.active_count = clamped(pages("Active"));
     statistics.inactive_count = clamped(pages("Inactive"));
-    statistics.wire_count = clamped(kernelPages);
+    statistics.wire_count = clamped(wired);
     statistics.reactivations = counter("pgactivate");
     statistics.pageins = counter("pgpgin") * kKilobyte / pageBytes;
     statistics.pageouts = counter("pgpgout") * kKilobyte / pageBytes;
     statistics.faults = counter("pgfault");
-    statistics.cow_faults = counter("pgreuse");
     statistics.purges = counter("pglazyfreed");
     statistics.purgeable_count = clamped(pages("KReclaimable"));
-    statistics.speculative_count = 0;
     statistics.decompressions = counter("zswpin");
     statistics.compressions = counter("zswpout");
     statistics.swapins = counter("pswpin");
     statistics.swapouts = counter("pswpout");
     statistics.compressor_page_count = clamped(pages("Zswap") + zram.compressedBytes / pageBytes);
-    statistics.throttled_count = clamped(throttled);
-    statistics.external_page_count = clamped(pages("Cached") + pages("Buffers"));
-    statistics.internal_page_count = clamped(pages("AnonPages"));
+    statistics.external_page_count = clamped(cached - std::min(shared, cached));
+    statistics.internal_page_count = clamped(pages("AnonPages") + shared);
     statistics.total_uncompressed_pages_in_compressor = pages("Zswapped") + zram.originalBytes / pageBytes;
     return statistics;
 }

@@ -95,7 +95,7 @@ JournalLog::JournalLog(Places places)
       levels_(places_.levels, places_.levelsCheckInterval,
               [this](const std::string& text) { write("com.norvane.quorvix", "platform", LogLevel::standard, text); }) {
     // What bounds the wait for a reader whose queue is full.
-    const timeval wait{0, kLongestWaitMs * 1000};
+    const timeval wait{0, suseconds_t{kLongestWaitMs} * 1000};
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 

@@ -241,18 +241,31 @@ std::unique_ptr<NotificationToken> LinuxNotificationService::registerHandler(std
                                                                              Work handler) {
     const int error = fileNameError(name);
     if (error != 0) log_.standard("notification %@: %@", name, ErrorCode{error});
-    FolderWatch* const watch = error == 0 ? watchOn(queue) : nullptr;
-    if (!watch) {
+    auto listener =
+        std::make_shared<FolderWatch::Listener>(FolderWatch::Listener{std::string(name), std::move(handler)});
+    const auto add = [this, queue](const std::shared_ptr<FolderWatch::Listener>& added) {
+        FolderWatch* const watch = watchOn(queue);
+        if (watch) watch->add(added);
+        if (!watch) ++counters_->registrationFailures;
+        return watch != nullptr;
+    };
+    if (error != 0) {
         ++counters_->registrationFailures;
         return nullptr;
     }
-    auto listener =
-        std::make_shared<FolderWatch::Listener>(FolderWatch::Listener{std::string(name), std::move(handler)});
-    watch->add(listener);
+    if (LinuxWorkQueue::from(*queue).mayUseSources()) {
+        if (!add(listener)) return nullptr;
+    } else {
+        // A folder that can't be watched shows in the log and in the count only.
+        queue->async([add, weak = std::weak_ptr(listener)] {
+            if (const auto living = weak.lock()) add(living);
+        });
+    }
     return std::make_unique<Token<FolderWatch::Listener>>(std::move(listener));
 }
 
 LinuxNotificationService::FolderWatch* LinuxNotificationService::watchOn(const std::shared_ptr<WorkQueue>& queue) {
+    const std::lock_guard lock(mutex_);
     for (const auto& watch : watches_) {
         if (watch->queue() == queue.get()) return watch.get();
     }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,9 +24,9 @@ Result<void> postNotification(const std::string& folder, std::string_view name);
 // postNotification are one post each. The files belong to root and are readable by all.
 //
 // One inotify descriptor for each queue that handlers run on, watched by that queue: handlers are called from there.
-// A registration is made and dropped on its queue, or before the main thread was given away. When the kernel lost
-// posts, and after the folder was gone and is there again, every handler runs: better once too often than never. The
-// service outlives its queues' threads.
+// A registration from elsewhere than its queue begins with that queue's next turn; it is dropped on its queue, or
+// before the main thread was given away. When the kernel lost posts, and after the folder was gone and is there again,
+// every handler runs: better once too often than never. The service outlives its queues' threads.
 class LinuxNotificationService final : public NotificationService {
 public:
     explicit LinuxNotificationService(SystemLog& log, std::string folder = std::string(kNotificationFolder));
@@ -46,6 +47,7 @@ private:
     LogHandle log_;
     std::string folder_;
     std::shared_ptr<Counters> counters_;
+    std::mutex mutex_;  // guards what follows: queues register on their own threads
     std::vector<std::shared_ptr<FolderWatch>> watches_;
 };
 

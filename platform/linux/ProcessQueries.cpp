@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "platform/linux/ProcfsSource.h"
+#include "platform/linux/TaskIteratorSource.h"
 
 namespace quorvix::linuxos {
 
@@ -23,6 +24,13 @@ LinuxProcessQueries::Sources procfsOnly(const std::string& root) {
     return sources;
 }
 
+LinuxProcessQueries::Sources bestFirst() {
+    LinuxProcessQueries::Sources sources;
+    sources.push_back(std::make_unique<TaskIteratorSource>());
+    sources.push_back(std::make_unique<ProcfsSource>());
+    return sources;
+}
+
 }  // namespace
 
 LinuxProcessQueries::LinuxProcessQueries(std::string procRoot)
@@ -31,7 +39,7 @@ LinuxProcessQueries::LinuxProcessQueries(std::string procRoot)
 LinuxProcessQueries::LinuxProcessQueries(Sources sources, SystemLog* log, std::string procRoot)
     : procRoot_(std::move(procRoot)), table_(std::move(sources), log) {}
 
-LinuxProcessQueries::LinuxProcessQueries(SystemLog& log) : LinuxProcessQueries(procfsOnly("/proc"), &log) {}
+LinuxProcessQueries::LinuxProcessQueries(SystemLog& log) : LinuxProcessQueries(bestFirst(), &log) {}
 
 std::size_t LinuxProcessQueries::executablePath(std::int32_t pid, std::span<char> buffer) {
     if (pid <= 0) return 0;

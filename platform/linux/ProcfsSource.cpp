@@ -37,15 +37,9 @@ private:
     char* end_ = bytes_;
 };
 
-Path processFile(std::int32_t pid, std::string_view file) {
+Path pathOf(std::int32_t id, std::string_view file) {
     Path path;
-    path.number(pid).text(file);
-    return path;
-}
-
-Path threadFile(std::int32_t pid, std::int32_t tid, std::string_view file) {
-    Path path;
-    path.number(pid).text("/task/").number(tid).text(file);
+    path.number(id).text(file);
     return path;
 }
 
@@ -88,8 +82,8 @@ int ProcfsSource::listIds(int directory, std::vector<std::int32_t>& ids) {
     }
 }
 
-std::string_view ProcfsSource::readFile(const char* path) {
-    const Descriptor file(openat(directory_.get(), path, O_RDONLY | O_CLOEXEC));
+std::string_view ProcfsSource::readFile(int directory, const char* path) {
+    const Descriptor file(openat(directory, path, O_RDONLY | O_CLOEXEC));
     if (!file) return {};
     const ssize_t count = ::read(file.get(), buffer_.data(), buffer_.size());
     if (count <= 0) return {};
@@ -97,7 +91,7 @@ std::string_view ProcfsSource::readFile(const char* path) {
 }
 
 bool ProcfsSource::readProcess(std::int32_t pid, ProcessSamples& samples) {
-    const auto stat = parseStat(readFile(processFile(pid, "/stat").get()));
+    const auto stat = parseStat(readFile(directory_.get(), pathOf(pid, "/stat").get()));
     if (!stat) return false;
     // Before its threads' times: what runs in between then looks too small a sum, not like time of an exited thread.
     const auto runtime = clock_(pid);
@@ -120,18 +114,17 @@ bool ProcfsSource::readProcess(std::int32_t pid, ProcessSamples& samples) {
     if (!process.isKernelThread && mayBeCut(comm)) {
         char kept[kCommLength];
         comm.copy(kept, kCommLength);
-        const ssize_t length =
-            readlinkat(directory_.get(), processFile(pid, "/exe").get(), buffer_.data(), buffer_.size());
+        const ssize_t length = readlinkat(directory_.get(), pathOf(pid, "/exe").get(), buffer_.data(), buffer_.size());
         if (length > 0) {
             completeProcessName(process, {kept, kCommLength}, {buffer_.data(), static_cast<std::size_t>(length)});
         }
     }
 
-    const IoText io = parseIo(readFile(processFile(pid, "/io").get()));
+    const IoText io = parseIo(readFile(directory_.get(), pathOf(pid, "/io").get()));
     process.diskBytesRead = io.readBytes;
     process.diskBytesWritten = io.writeBytes;
     if (!process.isKernelThread) {
-        const StatusText sizes = parseStatus(readFile(processFile(pid, "/status").get()));
+        const StatusText sizes = parseStatus(readFile(directory_.get(), pathOf(pid, "/status").get()));
         process.wiredBytes = sizes.locked + sizes.pinned;
         process.residentBytes = sizes.resident;
         process.footprintBytes = sizes.anonymous + sizes.swapped;
@@ -139,7 +132,7 @@ bool ProcfsSource::readProcess(std::int32_t pid, ProcessSamples& samples) {
 
     if (singleThreaded) {
         // Its only thread is the one that the process's own files tell of.
-        if (const auto own = parseSchedstat(readFile(processFile(pid, "/schedstat").get()))) {
+        if (const auto own = parseSchedstat(readFile(directory_.get(), pathOf(pid, "/schedstat").get()))) {
             samples.threads.push_back({pid, leadersClass, process.startUnits, *own});
         }
     } else {
@@ -151,15 +144,13 @@ bool ProcfsSource::readProcess(std::int32_t pid, ProcessSamples& samples) {
 }
 
 void ProcfsSource::readThreads(std::int32_t pid, ProcessSamples& samples) {
-    {
-        const Descriptor tasks(
-            openat(directory_.get(), processFile(pid, "/task").get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!tasks || listIds(tasks.get(), threadIds_) != 0) return;
-    }
+    // Their files are opened from here: half as many names to walk for each.
+    const Descriptor tasks(openat(directory_.get(), pathOf(pid, "/task").get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!tasks || listIds(tasks.get(), threadIds_) != 0) return;
     for (const std::int32_t tid : threadIds_) {
-        const auto stat = parseStat(readFile(threadFile(pid, tid, "/stat").get()));
+        const auto stat = parseStat(readFile(tasks.get(), pathOf(tid, "/stat").get()));
         if (!stat) continue;
-        const auto runtime = parseSchedstat(readFile(threadFile(pid, tid, "/schedstat").get()));
+        const auto runtime = parseSchedstat(readFile(tasks.get(), pathOf(tid, "/schedstat").get()));
         if (!runtime) continue;
         samples.threads.push_back({tid, qosClassOf(stat->policy, stat->nice), stat->startUnits, *runtime});
     }

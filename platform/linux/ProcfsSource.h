@@ -34,8 +34,8 @@ private:
     int listIds(int directory, std::vector<std::int32_t>& ids);
     bool readProcess(std::int32_t pid, ProcessSamples& samples);
     void readThreads(std::int32_t pid, ProcessSamples& samples);
-    // The text of /proc/ID/file or /proc/ID/task/THREAD/file, valid until the next call; empty when it can't be read.
-    std::string_view readFile(const char* path);
+    // The file's text, valid until the next call; empty when it can't be read.
+    std::string_view readFile(int directory, const char* path);
 
     const std::string root_;
     const ProcessClock clock_;

@@ -160,7 +160,7 @@ std::optional<std::vector<std::uint8_t>> parseData(std::string_view text) {
             ++padding;
             continue;
         }
-        const int value = kBase64Values[static_cast<unsigned char>(c)];
+        const int value = int{kBase64Values[static_cast<unsigned char>(c)]};
         if (value < 0 || padding > 0) return std::nullopt;
         bits = bits << 6 | static_cast<std::uint32_t>(value);
         if (++characters % 4 == 0) {

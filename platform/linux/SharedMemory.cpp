@@ -13,18 +13,16 @@ namespace quorvix::linuxos {
 
 namespace {
 
-std::uint64_t pageBytes() {
-    static const auto bytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-    return bytes;
-}
+// Asked before main: a check of all regions comes here twice for each, and a local static is looked at every time.
+const auto kPageBytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 
-std::uint64_t wholePages(std::uint64_t length) { return (length + pageBytes() - 1) / pageBytes() * pageBytes(); }
+std::uint64_t wholePages(std::uint64_t length) { return (length + kPageBytes - 1) / kPageBytes * kPageBytes; }
 
 // A guard page, the largest region, a guard page. Address space only: what is not mapped into it costs nothing.
-std::uint64_t reservationBytes() { return MappedRegions::kMaximumRegionBytes + 2 * pageBytes(); }
+std::uint64_t reservationBytes() { return MappedRegions::kMaximumRegionBytes + 2 * kPageBytes; }
 
 std::uint8_t* reservationOf(const void* address) {
-    return static_cast<std::uint8_t*>(const_cast<void*>(address)) - pageBytes();
+    return static_cast<std::uint8_t*>(const_cast<void*>(address)) - kPageBytes;
 }
 
 // The length of a memory that may be mapped.
@@ -78,7 +76,7 @@ SharedMemoryMapping MappedRegions::place(int descriptor, std::uint64_t length) {
     void* reservation =
         mmap(nullptr, reservationBytes(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (reservation == MAP_FAILED) return {};
-    void* inside = static_cast<std::uint8_t*>(reservation) + pageBytes();
+    void* inside = static_cast<std::uint8_t*>(reservation) + kPageBytes;
     // Fails where the memory is sealed against writing as well: we store into it.
     if (mmap(inside, length, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, descriptor, 0) == MAP_FAILED) {
         munmap(reservation, reservationBytes());

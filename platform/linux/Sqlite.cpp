@@ -115,7 +115,18 @@ void SqliteStatement::run() {
 
 std::int64_t SqliteStatement::integer(int column) const { return sqlite3_column_int64(statement_, column); }
 
-bool SqliteStatement::isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+std::variant<std::monostate, std::int64_t, double, std::string> SqliteStatement::value(int column) const {
+    switch (sqlite3_column_type(statement_, column)) {
+        case SQLITE_NULL: return std::monostate();
+        case SQLITE_INTEGER: return integer(column);
+        case SQLITE_FLOAT: return real(column);
+        default: return std::string(bytes(column));
+    }
+}
+
+int SqliteStatement::columns() const { return sqlite3_column_count(statement_); }
+
+std::string SqliteStatement::name(int column) const { return sqlite3_column_name(statement_, column); }
 
 double SqliteStatement::real(int column) const { return sqlite3_column_double(statement_, column); }
 

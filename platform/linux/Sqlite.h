@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <variant>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -76,7 +77,10 @@ public:
 
     std::int64_t integer(int column) const;
     double real(int column) const;
-    bool isNull(int column) const;
+    // As it is stored; nothing for NULL.
+    std::variant<std::monostate, std::int64_t, double, std::string> value(int column) const;
+    int columns() const;
+    std::string name(int column) const;
     // Valid until the next step or reset.
     std::string_view bytes(int column) const;
 

@@ -61,6 +61,8 @@ public:
                                                      std::function<void(std::uint32_t)> handler);
     // Whether the caller is this queue's own thread.
     bool onQueue() const noexcept;
+    // Whether the caller may make watches and timers: it is the queue's own thread, or there is none yet.
+    bool mayUseSources() const noexcept;
     Counters counters() const;
 
 private:
@@ -110,7 +112,6 @@ private:
     // Takes all that is due at `now` from a list to firing_.
     void takeDue(std::vector<OneShot>& oneShots, std::chrono::nanoseconds now);
     void wakeLocked();
-    bool mayUseSources() const noexcept;
 
     const std::string label_;
     const QualityOfService quality_;

@@ -118,11 +118,22 @@ TEST_F(ConnectedTest, WhatTheServerSendsDisturbsNothing) {
 }
 
 TEST_F(ConnectedTest, ASlowServerGetsEverythingThatFittedOnceItReads) {
+    // Refused for good only once the socket is full too: until then the library's thread makes room again.
+    constexpr int kRefusals = 100;
     int queued = 0;
-    while (quorvix_fence_begin(queued) == 0) ++queued;
-    EXPECT_EQ(quorvix_fence_begin(-1), ENOBUFS);
+    for (int refused = 0; refused < kRefusals;) {
+        const int error = quorvix_fence_begin(queued);
+        if (error == 0) {
+            ++queued;
+            refused = 0;
+        } else {
+            ASSERT_EQ(error, ENOBUFS);
+            ++refused;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
     EXPECT_GE(queued, 256);
-    EXPECT_GE(statisticsNow().droppedQueueFull, 2u);
+    EXPECT_GE(statisticsNow().droppedQueueFull, static_cast<std::uint64_t>(kRefusals));
     for (int i = 0; i < queued; ++i) {
         ASSERT_EQ(Dictionary(receiveBytes(peer_)).int64("name"), i);
     }

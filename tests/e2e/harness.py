@@ -25,6 +25,10 @@ SPOOL = CACHES / "spool"
 PREFERENCES = pathlib.Path("/var/mobile/Library/Preferences")
 TRACE_LIBRARY = pathlib.Path("/usr/lib/libswivex.dylib")
 SANITIZER_SIGNS = ("ERROR: AddressSanitizer", "runtime error:", "ERROR: LeakSanitizer", "ThreadSanitizer")
+# What app activations take at the first one and keep: two queues, a notification, the process table.
+TRACKER_QUEUE = "com.norvane.quorvix.perfstats.activationqueue"
+TRACKER_DESCRIPTORS = collections.Counter({"anon_inode:[timerfd]": 4, "anon_inode:[eventpoll]": 2, "anon_inode:[eventfd]": 2,
+                                           "anon_inode:inotify": 1, "/proc": 1})
 # Everything that the daemon or a test may have left behind.
 STATE_FOLDERS = ["/var/root", "/var/mobile", "/var/lib/quorvix", "/run/vex", "/Library", "/etc/vex"]
 
@@ -101,7 +105,8 @@ class Daemon:
         return self.status()["platform"][service]
 
     def descriptors(self):
-        """What it has open, by kind; without its stores, which it opens when it first needs them."""
+        """What it has open, by kind; without its stores and its programs in the kernel, which it opens when it first
+        needs them."""
         folder = f"/proc/{self.pid}/fd"
         kinds = collections.Counter()
         for number in os.listdir(folder):
@@ -110,7 +115,7 @@ class Daemon:
             except FileNotFoundError:
                 pass
         for kind in list(kinds):
-            if kind.startswith("/var/lib/"):
+            if kind.startswith(("/var/lib/", "anon_inode:bpf")):
                 del kinds[kind]
         return kinds
 
@@ -233,12 +238,15 @@ class World:
 
     def _leaks(self, daemon):
         """With all clients gone the daemon must be back at what it held when it was ready."""
+        allowed = daemon.base
+        if TRACKER_QUEUE in daemon.platform("queues"):
+            allowed = allowed + TRACKER_DESCRIPTORS
         try:
-            wait_until(lambda: not daemon.descriptors() - daemon.base, what="return of the descriptors")
+            wait_until(lambda: not daemon.descriptors() - allowed, what="return of the descriptors")
             wait_until(lambda: daemon.platform("regions")["mappings"] == 0, what="return of the mappings")
             wait_until(lambda: daemon.platform("messages")["connections"] == 0, what="return of the connections")
         except AssertionError as error:
-            return [f"{error}: {daemon.descriptors() - daemon.base}"]
+            return [f"{error}: {daemon.descriptors() - allowed}"]
         return []
 
     def prefer(self, key, value):

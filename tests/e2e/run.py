@@ -10,6 +10,8 @@ import argparse
 import json
 import os
 import pathlib
+import signal
+import subprocess
 import sys
 import unittest
 
@@ -36,10 +38,13 @@ def main():
             command += ["--json", str(build / "e2e-result.json")]
         if arguments.only:
             command += ["--only", arguments.only]
-        status = os.spawnvp(os.P_WAIT, command[0], command)
+        inside = subprocess.Popen(command)
+        # Whoever ends this script ends the namespace too, and all that runs in it.
+        signal.signal(signal.SIGTERM, lambda *_: inside.kill())
+        status = inside.wait()
         if result and (build / "e2e-result.json").exists():
             result.write_text((build / "e2e-result.json").read_text())
-        sys.exit(status)
+        sys.exit(0 if status == 0 else 1)
 
     sys.path.insert(0, str(ROOT / "tests/e2e"))
     import harness

@@ -18,7 +18,7 @@ SUBSYSTEMS = ("service", "hang", "activation", "perfstats", "memsnapshot")
 # those there is the platform.
 STANDARD = set("""
     algorithm any array atomic bit bitset cassert cctype cerrno cfloat charconv chrono cinttypes climits cmath compare
-    complex concepts coroutine cstddef cstdint cstdio cstdlib cstring cwchar deque exception execution forward_list
+    complex concepts coroutine cstdarg cstddef cstdint cstdio cstdlib cstring cwchar deque exception execution forward_list
     functional initializer_list ios iosfwd iterator limits list map memory memory_resource mutex new numbers numeric
     optional ostream queue random ranges ratio regex set shared_mutex source_location span sstream stack stdexcept
     streambuf string string_view system_error tuple type_traits typeindex typeinfo unordered_map unordered_set utility
@@ -27,7 +27,7 @@ STANDARD = set("""
 # All of it: to tell C++ from C where only C may stand.
 CPLUSPLUS = STANDARD | set("""
     barrier condition_variable filesystem format fstream future iomanip iostream istream latch locale semaphore
-    stop_token strstream syncstream thread ccomplex cfenv ciso646 clocale csetjmp csignal cstdarg ctgmath ctime cuchar
+    stop_token strstream syncstream thread ccomplex cfenv ciso646 clocale csetjmp csignal ctgmath ctime cuchar
     cwctype
     """.split())
 C_FREESTANDING = {"stdbool.h", "stddef.h", "stdint.h", "time.h"}
@@ -109,7 +109,8 @@ SNAPSHOT_HEADERS = ("memsnapshot/MemorySnapshot.h", "service/ServiceState.h")
 def tool_may(file, angled, quoted):
     if file == "ctl/main.cpp" and quoted in SNAPSHOT_HEADERS:
         return True
-    return bool(angled) or in_folder(quoted, "ctl", "platform/linux") or is_interface(quoted)
+    # The measuring of activations and its renderings are the same code in the daemon and in the tool.
+    return bool(angled) or in_folder(quoted, "ctl", "platform/linux", "activation", "perfstats") or is_interface(quoted)
 
 
 def trace_library_may(_, angled, quoted):

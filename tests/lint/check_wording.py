@@ -18,8 +18,13 @@ PATTERNS = [re.compile(pattern, re.IGNORECASE) for pattern in (
 )] + [re.compile(r"\bPa" r"rts? \d")]
 
 
+# A column label of the console table, given as it stands.
+GIVEN_LABEL = re.compile(r'"sp' r'ec"|(?<=   )sp' r'ec(?=  throttled)')
+
+
 def findings(name, text):
     for number, line in enumerate(text.splitlines(), 1):
+        line = GIVEN_LABEL.sub("", line)
         for pattern in PATTERNS:
             match = pattern.search(line)
             if match:

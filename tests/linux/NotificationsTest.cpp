@@ -8,10 +8,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <mutex>
 #include <vector>
 
 #include "platform/linux/QueueService.h"
+#include "platform/linux/WorkQueue.h"
 #include "platform/sim/SimLog.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -83,6 +85,29 @@ TEST_F(NotificationsTest, MakesTheFolderAndTheFile) {
     EXPECT_EQ(status.st_mode & 07777, 0755u);
     ASSERT_EQ(stat(file("name").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0644u);
+}
+
+TEST_F(NotificationsTest, ARegistrationFromAnotherQueueIsServedOnItsOwn) {
+    watch("last");
+    queues_->start();
+    const auto other = queues_->makeSerialQueue("other", QualityOfService::standard);
+    tokens_.push_back(service_.registerHandler("name", other, [&] {
+        const bool onItsQueue = LinuxWorkQueue::from(*other).onQueue();
+        deliveries_.add(onItsQueue ? "name" : "name elsewhere");
+    }));
+    ASSERT_NE(tokens_.back(), nullptr);
+    std::promise<void> registered;
+    other->async([&] { registered.set_value(); });
+    registered.get_future().wait();
+    post("name");
+    EXPECT_THAT(deliveries_.takeUpTo("name"), ElementsAre("name"));
+    // Dropped on its queue.
+    std::promise<void> dropped;
+    other->async([&] {
+        tokens_.pop_back();
+        dropped.set_value();
+    });
+    dropped.get_future().wait();
 }
 
 TEST_F(NotificationsTest, MakingTheFileIsNoPost) {

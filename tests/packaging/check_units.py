@@ -10,7 +10,8 @@ import unittest
 from pathlib import Path
 
 PACKAGING = Path(__file__).resolve().parents[2] / "packaging"
-UNITS = ("quorvixd.service", "quorvixd.path", "quorvixd.socket")
+PATH_UNITS = ("quorvixd.path", "quorvixd-activations.path", "quorvixd-profile.path")
+UNITS = ("quorvixd.service", *PATH_UNITS, "quorvixd.socket")
 TMPFILES = PACKAGING / "tmpfiles.d" / "quorvixd.conf"
 
 
@@ -24,11 +25,11 @@ class Units(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.root = Path(folder.name)
 
-    def test_the_path_unit_can_not_loop(self):
-        text = (PACKAGING / "quorvixd.path").read_text()
-        self.assertEqual(len(lines_of("quorvixd.path", "PathChanged")), 3)
-        for key in ("PathExists", "PathExistsGlob", "DirectoryNotEmpty", "PathModified"):
-            self.assertNotIn(key + "=", text)
+    def test_the_path_units_watch_one_file_each_and_can_not_loop(self):
+        for unit in PATH_UNITS:
+            self.assertEqual(len(lines_of(unit, "PathChanged")), 1)
+            for key in ("PathExists", "PathExistsGlob", "DirectoryNotEmpty", "PathModified"):
+                self.assertEqual(lines_of(unit, key), [])
 
     def test_the_daemon_is_not_started_by_its_clients(self):
         self.assertNotIn("quorvixd.socket", " ".join(lines_of("quorvixd.service", "Also")))

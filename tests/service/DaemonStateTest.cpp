@@ -54,6 +54,33 @@ TEST_F(DaemonState, CountsWhatWasDropped) {
     EXPECT_NE(published("counters").find(R"("regionFaults":1)"), std::string::npos) << published("counters");
 }
 
+TEST_F(DaemonState, ShowsActivationsWithoutMakingTheirTracker) {
+    startWithHangTracing();
+    EXPECT_NE(published("counters")
+                  .find(R"("activations":{"recordedToday":0,"open":0,"stepsDropped":0,)"
+                        R"("beginsDropped":0,"outputsDropped":0},)"
+                        R"("snapshots":{"bytesUsed":0,"allocationsRefused":0})"),
+              std::string::npos)
+        << published("counters");
+    EXPECT_FALSE(activationState().sharedInstance);
+}
+
+TEST_F(DaemonState, CountsActivationsAndTheMemoryOfTheirSnapshots) {
+    startWithHangTracing();
+    device.processes.tasks = {{.pid = 0, .name = "kernel"}, {.pid = 412, .name = "Mail"}};
+    AppActivationTracker& tracker = AppActivationTracker::sharedInstance();
+    perfState().memory.failNth(1);
+    tracker.endAppActivationTrackingForPID(9, "maps", 0, 1, 0);
+    tracker.beginAppActivationTrackingForPID(412, "mail", 0, 0, 1, 1);
+    device.scheduler.runPending();
+    EXPECT_NE(published("counters")
+                  .find(R"("activations":{"recordedToday":1,"open":1,"stepsDropped":0,)"
+                        R"("beginsDropped":0,"outputsDropped":0},"snapshots":{"bytesUsed":)" +
+                        std::to_string(2 * sizeof(task_statistics)) + R"(,"allocationsRefused":1})"),
+              std::string::npos)
+        << published("counters");
+}
+
 TEST_F(DaemonState, ReadingItChangesNothingAndSaysNothing) {
     startWithHangTracing();
     watch(412);

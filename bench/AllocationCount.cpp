@@ -1,0 +1,25 @@
+#include "bench/AllocationCount.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+std::atomic<std::uint64_t> allocations{0};
+
+}  // namespace
+
+namespace quorvix::bench {
+
+std::uint64_t allocationCount() noexcept { return allocations.load(std::memory_order_relaxed); }
+
+}  // namespace quorvix::bench
+
+void* operator new(std::size_t bytes) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* const memory = std::malloc(bytes)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

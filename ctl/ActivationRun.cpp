@@ -1,0 +1,219 @@
+#include "ctl/ActivationRun.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ostream>
+
+#include "activation/AppActivation.h"
+#include "platform/Platform.h"
+#include "platform/linux/Clocks.h"
+#include "platform/linux/CounterStore.h"
+#include "platform/linux/Descriptor.h"
+#include "platform/linux/DeviceCapabilities.h"
+#include "platform/linux/Files.h"
+#include "platform/linux/HostStatistics.h"
+#include "platform/linux/Json.h"
+#include "platform/linux/LibraryLoader.h"
+#include "platform/linux/Lifecycle.h"
+#include "platform/linux/MessageService.h"
+#include "platform/linux/Notifications.h"
+#include "platform/linux/PowerLogStore.h"
+#include "platform/linux/PreferencesStore.h"
+#include "platform/linux/ProcessQueries.h"
+#include "platform/linux/PropertyListReader.h"
+#include "platform/linux/QueueService.h"
+#include "platform/linux/RandomSource.h"
+#include "platform/linux/RenderServer.h"
+#include "platform/linux/SharedMemory.h"
+#include "platform/linux/Signposts.h"
+#include "platform/linux/StateService.h"
+#include "platform/linux/WallClock.h"
+
+namespace quorvix::ctl {
+
+namespace {
+
+constexpr std::string_view kOutputPrefix = "QXActivationStats: Output ";
+
+// The JSON rendering is a debug line of the log: here it is what was asked for. Default-level lines are for the
+// operator; the others are not shown. One for the process: the renderings keep hold of the first log they see.
+class RunLog final : public SystemLog {
+public:
+    static RunLog& shared() {
+        static RunLog log;
+        return log;
+    }
+    void attach(const ToolServices* services) { services_ = services; }
+    bool enabled(std::string_view, std::string_view, LogLevel level) noexcept override {
+        return services_ && level != LogLevel::info;
+    }
+    void write(std::string_view, std::string_view, LogLevel level, std::string_view text) override {
+        if (level == LogLevel::standard) services_->error << "quorvixctl: " << text << "\n";
+        if (level == LogLevel::debug && text.starts_with(kOutputPrefix)) {
+            services_->out << text.substr(kOutputPrefix.size());
+        }
+    }
+
+private:
+    const ToolServices* services_ = nullptr;
+};
+
+class RunConsole final : public Console {
+public:
+    explicit RunConsole(const ToolServices& services) : services_(services) {}
+    void log(std::string_view text) override { services_.out << text; }
+    void print(std::string_view text) override { services_.out << text; }
+
+private:
+    const ToolServices& services_;
+};
+
+// The real clocks, processes and host figures that a snapshot asks. The rest is there because a platform is whole; no
+// rendering touches it, and nothing of it does anything unasked.
+class RunPlatform {
+public:
+    explicit RunPlatform(const ToolServices& services) : console_(services) { log_.attach(&services); }
+    ~RunPlatform() {
+        setPlatform(nullptr);
+        log_.attach(nullptr);
+    }
+    RunPlatform(const RunPlatform&) = delete;
+    RunPlatform& operator=(const RunPlatform&) = delete;
+    void set() { setPlatform(&services_); }
+
+private:
+    RunLog& log_ = RunLog::shared();
+    RunConsole console_;
+    linuxos::LinuxLifecycle lifecycle_{""};
+    linuxos::LinuxQueueService queues_;
+    linuxos::LinuxTickClock tickClock_;
+    linuxos::LinuxWallClock wallClock_;
+    linuxos::MappedRegions regions_;
+    linuxos::LinuxMessageService messages_{log_, lifecycle_, regions_};
+    linuxos::LinuxNotificationService notifications_{log_};
+    linuxos::LinuxPreferencesStore preferences_{log_};
+    linuxos::LinuxPropertyListReader propertyLists_{log_};
+    linuxos::LinuxDeviceCapabilities capabilities_{log_};
+    linuxos::CounterStore counters_{log_};
+    linuxos::LinuxProcessQueries processes_{log_};
+    linuxos::LinuxHostStatistics host_;
+    linuxos::LinuxFiles files_;
+    linuxos::LinuxLibraryLoader libraries_;
+    linuxos::LinuxJson json_;
+    linuxos::LinuxRandomSource random_;
+    linuxos::LinuxRenderServer renderServer_;
+    linuxos::LinuxSignposts signposts_;
+    linuxos::PowerLogStore powerLog_{log_};
+    linuxos::LinuxStateService state_{log_};
+    Platform services_{.tickClock = tickClock_,
+                       .wallClock = wallClock_,
+                       .queues = queues_,
+                       .messages = messages_,
+                       .regions = regions_,
+                       .notifications = notifications_,
+                       .preferences = preferences_,
+                       .propertyLists = propertyLists_,
+                       .capabilities = capabilities_,
+                       .log = log_,
+                       .counters = counters_,
+                       .processes = processes_,
+                       .host = host_,
+                       .files = files_,
+                       .libraries = libraries_,
+                       .json = json_,
+                       .random = random_,
+                       .renderServer = renderServer_,
+                       .lifecycle = lifecycle_,
+                       .state = state_,
+                       .powerLog = powerLog_,
+                       .signposts = signposts_,
+                       .console = console_};
+};
+
+// A child that waits to become the command, so that the first snapshot holds its pid and none of its work.
+class WaitingCommand {
+public:
+    // Call before any thread or signal mask is made: the command inherits both ways.
+    explicit WaitingCommand(const std::vector<std::string>& command) {
+        int go[2];
+        int failure[2];
+        if (pipe2(go, O_CLOEXEC) != 0) throw ErrorCode{errno};
+        linuxos::Descriptor goRead(go[0]);
+        go_ = linuxos::Descriptor(go[1]);
+        if (pipe2(failure, O_CLOEXEC) != 0) throw ErrorCode{errno};
+        failure_ = linuxos::Descriptor(failure[0]);
+        linuxos::Descriptor failureWrite(failure[1]);
+        std::vector<char*> arguments;
+        for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+        arguments.push_back(nullptr);
+        pid_ = fork();
+        if (pid_ < 0) throw ErrorCode{errno};
+        if (pid_ != 0) return;
+        go_.reset();
+        char byte = 0;
+        if (read(goRead.get(), &byte, 1) != 1) _exit(0);
+        execvp(arguments[0], arguments.data());
+        const int error = errno;
+        // Too small to be cut; without a reader there is nobody to tell.
+        (void)!write(failureWrite.get(), &error, sizeof error);
+        _exit(127);
+    }
+
+    pid_t pid() const { return pid_; }
+
+    // Runs the command to its end, but leaves it for one more look. 0, or why it could not be run.
+    int runToEnd() {
+        (void)!write(go_.get(), "", 1);
+        int error = 0;
+        const ssize_t told = read(failure_.get(), &error, sizeof error);
+        siginfo_t info{};
+        while (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+        }
+        return told == sizeof error ? error : 0;
+    }
+
+    int status() {
+        int status = 0;
+        while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+        }
+        return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+
+private:
+    linuxos::Descriptor go_;
+    linuxos::Descriptor failure_;
+    pid_t pid_ = -1;
+};
+
+std::string programName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+}  // namespace
+
+ExitStatus runActivation(const std::vector<std::string>& command, OutputForm form, const ToolServices& services) {
+    try {
+        services.out.flush();
+        WaitingCommand child(command);
+        RunPlatform platform(services);
+        platform.set();
+        const std::uint64_t start = activationTimeNow();
+        const auto activation = AppActivation::initWithStatisticsType(kSnapshotCPU | kSnapshotVM, child.pid(),
+                                                                      programName(command[0]), start, start, 1, 1);
+        const int error = child.runToEnd();
+        if (activation && error == 0) {
+            activation->activationEndedWithResult(0, activationTimeNow());
+            activation->logAppActivationData(form == OutputForm::json ? kOutputJson : kOutputConsole);
+        }
+        const int status = child.status();
+        if (error == 0 && activation) return static_cast<ExitStatus>(status);
+        services.error << "quorvixctl: " << command[0] << ": " << ErrorCode{error ? error : ENOMEM}.text() << "\n";
+    } catch (const ErrorCode& error) {
+        services.error << "quorvixctl: " << command[0] << ": " << error.text() << "\n";
+    }
+    return ExitStatus::failed;
+}
+
+}  // namespace quorvix::ctl

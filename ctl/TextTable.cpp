@@ -1,0 +1,38 @@
+#include "ctl/TextTable.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace quorvix::ctl {
+
+namespace {
+
+constexpr std::string_view kIndent = "  ";
+
+// Names and paths hold UTF-8, so that characters count and not bytes.
+std::size_t width(const std::string& text) {
+    return static_cast<std::size_t>(std::ranges::count_if(text, [](char byte) { return (byte & 0xc0) != 0x80; }));
+}
+
+}  // namespace
+
+void appendTable(std::string& out, const std::vector<TextRow>& rows) {
+    std::vector<std::size_t> widths;
+    for (const TextRow& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t column = 0; column < row.size(); ++column) {
+            widths[column] = std::max(widths[column], width(row[column]));
+        }
+    }
+    for (const TextRow& row : rows) {
+        for (std::size_t column = 0; column < row.size(); ++column) {
+            out += kIndent;
+            out += row[column];
+            // Nothing after the last column: no line ends in blanks.
+            if (column + 1 < row.size()) out.append(widths[column] - width(row[column]), ' ');
+        }
+        out += '\n';
+    }
+}
+
+}  // namespace quorvix::ctl

@@ -1,0 +1,137 @@
+#include "tests/activation/ActivationWorld.h"
+
+namespace quorvix::test {
+namespace {
+
+class TrackerLimits : public ActivationWorld {
+protected:
+    // Without a line kept: only the counts matter here.
+    TrackerLimits() {
+        for (const LogLevel level : {LogLevel::standard, LogLevel::info, LogLevel::debug}) {
+            device.log.setEnabled(level, false);
+        }
+        device.processes.tasks.clear();
+    }
+    const AppActivationTracker::Counters& counters() { return tracker().counters(); }
+    void beginMany(std::int32_t count) {
+        for (std::int32_t pid = 1; pid <= count; ++pid) begin({.pid = pid, .bundleID = "b"});
+    }
+};
+
+TEST_F(TrackerLimits, KeepsAtMost4096ActivationsOpen) {
+    beginMany(4096);
+    EXPECT_EQ(open(), 4096u);
+    EXPECT_EQ(counters().droppedBegins, 0u);
+    begin({.pid = 5000, .bundleID = "b"});
+    EXPECT_EQ(open(), 4096u);
+    EXPECT_EQ(counters().droppedBegins, 1u);
+    end({.pid = 1, .bundleID = "b"});
+    begin({.pid = 5000, .bundleID = "b"});
+    EXPECT_EQ(open(), 4096u);
+    EXPECT_EQ(counters().droppedBegins, 1u);
+}
+
+TEST_F(TrackerLimits, TenThousandBeginsWithoutAnEndAreGivenUp) {
+    beginMany(10'000);
+    EXPECT_EQ(counters().droppedBegins, 5904u);
+    advanceMs(60'000);
+    EXPECT_EQ(open(), 0u);
+    begin();
+    EXPECT_EQ(open(), 1u);
+}
+
+TEST_F(TrackerLimits, KeepsAtMost4096StepsWaiting) {
+    for (int i = 0; i < 4096; ++i) queueEnd({.state = 0});
+    EXPECT_EQ(counters().droppedSteps, 0u);
+    queueEnd({});
+    queueBegin({});
+    EXPECT_EQ(counters().droppedSteps, 2u);
+    device.scheduler.runPending();
+    EXPECT_EQ(sentCount(), 0u);
+    end();
+    EXPECT_EQ(sentCount(), 1u);
+    EXPECT_EQ(counters().droppedSteps, 2u);
+}
+
+TEST_F(TrackerLimits, HoldsAtMost8MiBOfWaitingIdentifiers) {
+    const std::string bundleID(64 * 1024, 'x');
+    for (int i = 0; i < 128; ++i) queueEnd({.bundleID = bundleID, .state = 0});
+    EXPECT_EQ(counters().droppedSteps, 0u);
+    queueEnd({.bundleID = "x"});
+    EXPECT_EQ(counters().droppedSteps, 1u);
+    queueEnd({.bundleID = "", .state = 0});
+    EXPECT_EQ(counters().droppedSteps, 1u);
+    device.scheduler.runPending();
+    end({.bundleID = "x"});
+    EXPECT_EQ(sentCount(), 1u);
+}
+
+TEST_F(TrackerLimits, OpenActivationsCountTowardsTheIdentifiersHeld) {
+    const std::string bundleID(60'000, 'x');
+    for (std::int32_t pid = 1; pid <= 100; ++pid) begin({.pid = pid, .bundleID = bundleID});
+    EXPECT_EQ(open(), 47u);
+    EXPECT_GT(counters().droppedSteps + counters().droppedBegins, 0u);
+    advanceMs(60'000);
+    begin({.bundleID = bundleID});
+    EXPECT_EQ(open(), 1u);
+}
+
+TEST_F(TrackerLimits, KeepsAtMost16384TimeOutsPending) {
+    for (int i = 0; i < 16384; ++i) {
+        begin({.bundleID = "b", .type = 0});
+        end({.bundleID = "b", .state = 0});
+    }
+    EXPECT_EQ(counters().droppedBegins, 0u);
+    begin();
+    EXPECT_EQ(counters().droppedBegins, 1u);
+    EXPECT_EQ(open(), 0u);
+    advanceMs(60'000);
+    begin();
+    EXPECT_EQ(open(), 1u);
+}
+
+// As long as none has landed, the daily limit lets all of them pass.
+TEST_F(TrackerLimits, KeepsAtMost1024ActivationsWaitingForThePowerLog) {
+    for (int i = 0; i < 1025; ++i) queueEnd({});
+    device.scheduler.runPending();
+    EXPECT_EQ(sentCount(), 1024u);
+    EXPECT_EQ(recorded(), 1024u);
+    EXPECT_EQ(counters().droppedOutputs, 1u);
+    settings().maxActivationCount = 2000;
+    end();
+    EXPECT_EQ(sentCount(), 1025u);
+}
+
+TEST_F(TrackerLimits, ActivationsWaitingForThePowerLogCountTowardsTheIdentifiersHeld) {
+    const std::string bundleID(60'000, 'x');
+    for (int i = 0; i < 100; ++i) queueEnd({.bundleID = bundleID});
+    device.scheduler.runPending();
+    EXPECT_EQ(counters().droppedSteps, 0u);
+    EXPECT_EQ(sentCount() + counters().droppedOutputs, 100u);
+    EXPECT_GT(counters().droppedOutputs, 0u);
+    const std::size_t before = sentCount();
+    end({.bundleID = bundleID});
+    EXPECT_EQ(sentCount(), before + 1);
+}
+
+TEST_F(TrackerLimits, SnapshotsOfOpenActivationsStayBelow64MiB) {
+    device.processes.tasks.assign(5000, {.pid = 1, .name = "x"});
+    device.processes.faults.failAlways("resourceUsage", {ESRCH});  // quick: only the memory matters
+    constexpr std::size_t kSnapshot = 5000 * sizeof(task_statistics);
+    constexpr std::size_t kFitting = (SnapshotMemory::kMaximumBytes - 20'000) / kSnapshot;
+    beginMany(static_cast<std::int32_t>(kFitting));
+    EXPECT_EQ(perfState().memory.usedBytes(), kFitting * kSnapshot);
+    EXPECT_EQ(perfState().memory.refusals(), 0u);
+    device.log.setEnabled(LogLevel::standard, true);
+    begin({.pid = 10'000});
+    EXPECT_EQ(perfState().memory.usedBytes(), kFitting * kSnapshot);
+    EXPECT_EQ(perfState().memory.refusals(), 1u);
+    EXPECT_TRUE(hasText("QXActivationStats: get_cpu_stats: Failed to allocate memory for tasks\n"));
+    EXPECT_EQ(open(), kFitting + 1);
+    device.log.setEnabled(LogLevel::standard, false);
+    advanceMs(60'000);
+    EXPECT_EQ(perfState().memory.usedBytes(), 0u);
+}
+
+}  // namespace
+}  // namespace quorvix::test

@@ -1,0 +1,350 @@
+"""quorvixd's units under a real service manager. Every test starts from everything switched off and the daemon down."""
+
+import json
+import shutil
+import sqlite3
+import tempfile
+import time
+import unittest
+
+from machine import PATH_UNITS, SERVICE, SOCKET, UNITS, wait_until
+
+MACHINE = None  # set by run.py
+AT_BOOT = {}  # unit -> properties, taken some seconds after the boot ended
+
+PREFERENCES = "/var/mobile/Library/Preferences"
+CACHES = "/var/root/Library/Caches/quorvixd"
+ENDPOINT = "/run/vex/com.norvane.quorvixd"
+APP = "/usr/bin/quorvix_poll_app"
+# Long enough for five starts in a row, where there were a loop: that many are what a service manager takes by default.
+LOOP_SECONDS = 4
+
+
+def look_at_the_boot():
+    time.sleep(LOOP_SECONDS)
+    for unit in UNITS:
+        AT_BOOT[unit] = MACHINE.show(unit)
+
+
+def journal(*matches, since=0):
+    """The entries that match, after the moment `since`."""
+    # Not --after-cursor: together with matches it leaves out one entry too many.
+    MACHINE.must("journalctl", "--sync")
+    text = MACHINE.must("journalctl", "-o", "json", "--all", "--no-pager", *matches)
+    entries = [json.loads(line) for line in text.splitlines()]
+    return [entry for entry in entries if int(entry["__REALTIME_TIMESTAMP"]) > since]
+
+
+def moment():
+    """Now, as the journal counts it."""
+    return time.time_ns() // 1000
+
+
+def starts(since):
+    """How often the daemon was started, as the service manager noted it."""
+    return len([entry for entry in journal(f"UNIT={SERVICE}", since=since) if entry["MESSAGE"].startswith("Starting ")])
+
+
+def ctl(*arguments):
+    return MACHINE.must("quorvixctl", *arguments)
+
+
+def status():
+    """The daemon's state; nothing while it is down."""
+    result = MACHINE.run("quorvixctl", "status", "--json")
+    return json.loads(result.stdout) if result.returncode == 0 else None
+
+
+def watched():
+    state = status()
+    return [process["name"] for process in state["watched"]] if state else []
+
+
+def mode(name):
+    return MACHINE.must("stat", "-c", "%A %U", name).strip()
+
+
+class UnitTest(unittest.TestCase):
+    def setUp(self):
+        MACHINE.run("systemctl", "stop", SOCKET, SERVICE, "app.service")
+        for domain in ("com.norvane.da", "com.norvane.quorvix"):
+            MACHINE.path(f"{PREFERENCES}/{domain}.plist").unlink(missing_ok=True)
+        # A change of the preferences starts the daemon, which finds nothing to do: let that be over.
+        MACHINE.run("systemctl", "stop", *PATH_UNITS)
+        self.wait_down()
+        MACHINE.run("systemctl", "reset-failed")
+        MACHINE.must("systemctl", "start", *PATH_UNITS)
+        self.before = moment()
+
+    def state(self, unit=SERVICE):
+        shown = MACHINE.show(unit)
+        return shown["ActiveState"], shown["SubState"]
+
+    def wait_up(self):
+        wait_until(lambda: self.state() == ("active", "running") and status(), 15, "the running daemon")
+        return MACHINE.show(SERVICE)
+
+    def wait_down(self):
+        wait_until(lambda: self.state()[0] in ("inactive", "failed"), 15, "the end of the daemon")
+
+    def assert_down_but_well(self):
+        self.wait_down()
+        shown = MACHINE.show(SERVICE)
+        self.assertEqual((shown["ActiveState"], shown["Result"]), ("inactive", "success"))
+        self.assertEqual(MACHINE.must("systemctl", "--failed", "--plain", "--no-legend", "list-units", "quorvixd*"), "")
+        for unit in PATH_UNITS:
+            self.assertEqual(self.state(unit), ("active", "waiting"))
+
+    def switch_on(self):
+        ctl("prefs", "set", "QuorvixEnabled", "true")
+        return self.wait_up()
+
+    def start_app(self, *arguments):
+        MACHINE.must("systemd-run", "--quiet", "--unit=app", "--property=CollectMode=inactive-or-failed", APP, *arguments)
+
+    def wait_watched(self):
+        wait_until(lambda: "quorvix_poll_app" in watched(), 15, "the watched app")
+
+
+class AtBoot(UnitTest):
+    def setUp(self):
+        pass  # looks back only
+
+    def test_the_preset_switches_on_service_and_path_units_but_not_the_socket(self):
+        self.assertEqual({unit: AT_BOOT[unit]["UnitFileState"] for unit in UNITS},
+                         {SERVICE: "enabled", **dict.fromkeys(PATH_UNITS, "enabled"), SOCKET: "disabled"})
+
+    def test_with_everything_off_the_daemon_becomes_ready_once_and_ends_well(self):
+        shown = AT_BOOT[SERVICE]
+        self.assertEqual((shown["ActiveState"], shown["Result"], shown["ExecMainStatus"], shown["NRestarts"]),
+                         ("inactive", "success", "0", "0"))
+        # Active for a moment: readiness was told before the end.
+        self.assertNotEqual(shown["ActiveEnterTimestampMonotonic"], "0")
+        first = [entry["MESSAGE"] for entry in journal(f"UNIT={SERVICE}", "INVOCATION_ID=" + shown["InvocationID"])]
+        self.assertEqual([line.split(" ")[0] for line in first if line.split(" ")[0] in ("Starting", "Started")],
+                         ["Starting", "Started"])
+
+    def test_the_path_units_wait(self):
+        for unit in PATH_UNITS:
+            self.assertEqual((AT_BOOT[unit]["ActiveState"], AT_BOOT[unit]["SubState"]), ("active", "waiting"))
+
+    def test_the_folders_have_their_modes(self):
+        expected = {"/run/vex": "drwxr-xr-x root", "/run/vex/notify": "drwxr-xr-x root", "/var/lib/quorvix": "drwx------ root",
+                    "/var/root": "drwx------ root", "/var/root/Library": "drwx------ root",
+                    "/var/root/Library/Caches": "drwx------ root", CACHES: "drwxr-xr-x root", CACHES + "/tmp": "drwxr-xr-x root",
+                    CACHES + "/spool": "drwxr-xr-x root", PREFERENCES: "drwxr-xr-x root", "/Library/Logs/Faultbox": "drwx------ root"}
+        self.assertEqual({name: mode(name) for name in expected}, expected)
+
+    def test_systemd_finds_nothing_wrong_with_the_units(self):
+        result = MACHINE.run("systemd-analyze", "verify", "--man=no", *(f"/lib/systemd/system/{unit}" for unit in UNITS))
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, "", ""))
+
+    def test_the_sandbox_leaves_little_exposed(self):
+        text = MACHINE.must("systemd-analyze", "security", "--no-pager", SERVICE)
+        print(text, flush=True)
+        exposure = float(text.split("Overall exposure level for quorvixd.service:")[1].split()[0])
+        self.assertLess(exposure, 5.0)
+
+
+class SwitchedOnAndOff(UnitTest):
+    def test_a_preference_switched_on_starts_the_daemon(self):
+        shown = self.switch_on()
+        self.assertEqual((shown["Type"], shown["NRestarts"]), ("notify", "0"))
+        self.assertTrue(status()["settings"]["hangTracingEnabled"])
+        self.assertEqual(mode(ENDPOINT), "srw-rw-rw- root")
+        self.assertEqual(mode(ENDPOINT + ".state"), "srw------- root")
+        time.sleep(LOOP_SECONDS)
+        self.assertEqual(MACHINE.show(SERVICE)["InvocationID"], shown["InvocationID"])
+
+    def test_a_preferences_file_written_by_another_tool_starts_the_daemon(self):
+        MACHINE.path(f"{PREFERENCES}/com.norvane.da.plist").write_text(
+            '<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict><key>QuorvixEnabled</key><true/></dict></plist>')
+        self.wait_up()
+
+    def test_the_managed_profile_starts_the_daemon(self):
+        profile = MACHINE.path("/Library/Managed Preferences/mobile/.GlobalPreferences.plist")
+        profile.parent.mkdir(parents=True, exist_ok=True)
+        self.addCleanup(profile.unlink)
+        profile.write_text('<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>'
+                           "<key>QXProfile.QuorvixEnabled</key><true/></dict></plist>")
+        self.wait_up()
+
+    def test_switched_off_the_daemon_ends_by_itself_and_on_again_it_comes_back(self):
+        for _ in range(3):
+            self.switch_on()
+            ctl("prefs", "set", "QuorvixEnabled", "false")
+            self.assert_down_but_well()
+        self.assertEqual(starts(self.before), 3)
+        self.switch_on()
+
+    def test_switched_off_and_on_many_times_at_once_the_units_stay_well(self):
+        """Whether it is up then is open: a path unit does not see a change between the daemon's end and its own notice of
+        it, some hundredths of a second. A start by hand always helps."""
+        self.switch_on()
+        for _ in range(20):
+            ctl("prefs", "set", "QuorvixEnabled", "false")
+            ctl("prefs", "set", "QuorvixEnabled", "true")
+        wait_until(lambda: self.state() in (("active", "running"), ("inactive", "dead")), 15, "rest")
+        self.assertEqual(MACHINE.must("systemctl", "--failed", "--plain", "--no-legend", "list-units", "quorvixd*"), "")
+        MACHINE.must("systemctl", "start", SERVICE)
+        self.wait_up()
+        self.assertTrue(status()["settings"]["hangTracingEnabled"])
+
+    def test_many_changes_with_everything_off_do_not_wear_the_units_out(self):
+        for limit in range(30):
+            ctl("prefs", "set", "QuorvixDailyLogLimit", str(limit))
+        self.assert_down_but_well()
+        self.assertGreater(starts(self.before), 0)
+        self.switch_on()
+
+
+class Endings(UnitTest):
+    def test_a_killed_daemon_is_restarted_and_watches_its_apps_again(self):
+        before = self.switch_on()
+        self.start_app("60")
+        self.wait_watched()
+        MACHINE.must("systemctl", "kill", "--signal=KILL", SERVICE)
+        wait_until(lambda: MACHINE.show(SERVICE)["NRestarts"] == "1", 15, "the restart")
+        after = self.wait_up()
+        self.assertNotEqual(after["MainPID"], before["MainPID"])
+        self.wait_watched()
+
+    def test_a_stopped_daemon_stays_down(self):
+        self.switch_on()
+        MACHINE.must("systemctl", "stop", SERVICE)
+        self.assert_down_but_well()
+        time.sleep(LOOP_SECONDS)
+        self.assert_down_but_well()
+        self.assertEqual(starts(self.before), 1)
+
+    def test_a_second_daemon_ends_with_71_and_leaves_the_first_alone(self):
+        shown = self.switch_on()
+        result = MACHINE.run("/usr/sbin/quorvixd")
+        self.assertEqual(result.returncode, 71)
+        self.assertEqual(MACHINE.show(SERVICE)["MainPID"], shown["MainPID"])
+        self.assertIsNotNone(status())
+
+    def test_where_it_can_not_listen_it_fails_once(self):
+        # Not a socket, so nobody's leftover: the daemon must not remove it.
+        MACHINE.path(ENDPOINT).unlink(missing_ok=True)
+        MACHINE.path(ENDPOINT).write_text("")
+        self.addCleanup(MACHINE.path(ENDPOINT).unlink)
+        MACHINE.run("systemctl", "start", SERVICE)
+        time.sleep(LOOP_SECONDS)
+        shown = MACHINE.show(SERVICE)
+        self.assertEqual((shown["ActiveState"], shown["ExecMainStatus"], shown["NRestarts"]), ("failed", "71", "0"))
+
+
+class HeldSocket(UnitTest):
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(MACHINE.run, "systemctl", "stop", SOCKET)
+
+    def test_an_app_that_connects_before_the_daemon_runs_is_served(self):
+        ctl("prefs", "set", "QuorvixEnabled", "true", "--no-notify")
+        self.wait_up()
+        MACHINE.must("systemctl", "stop", SERVICE)
+        MACHINE.must("systemctl", "start", SOCKET)
+        self.assertEqual(self.state()[0], "inactive")
+        inode = MACHINE.must("stat", "-c", "%i", ENDPOINT)
+        self.start_app("60")
+        self.wait_watched()
+        self.assertEqual(self.state(SOCKET), ("active", "running"))
+        # The same socket: it was taken over, not bound anew.
+        self.assertEqual(MACHINE.must("stat", "-c", "%i", ENDPOINT), inode)
+
+    def test_it_serves_again_after_the_daemon_was_killed(self):
+        MACHINE.must("systemctl", "start", SOCKET)
+        self.switch_on()
+        self.start_app("60")
+        self.wait_watched()
+        MACHINE.must("systemctl", "kill", "--signal=KILL", SERVICE)
+        wait_until(lambda: MACHINE.show(SERVICE)["NRestarts"] == "1", 15, "the restart")
+        self.wait_up()
+        self.wait_watched()
+        self.assertEqual(self.state(SOCKET), ("active", "running"))
+
+    def test_with_everything_off_a_client_makes_no_loop(self):
+        MACHINE.must("systemctl", "start", SOCKET)
+        self.start_app("60")
+        wait_until(lambda: starts(self.before), 15, "the start by a client")
+        time.sleep(LOOP_SECONDS)
+        self.assert_down_but_well()
+        self.assertEqual(self.state(SOCKET), ("active", "listening"))
+        # The app's own attempts, further and further apart: 50 ms at first and then doubling.
+        self.assertLess(starts(self.before), 12)
+        self.switch_on()
+        self.wait_watched()
+
+
+class Work(UnitTest):
+    def test_entries_arrive_in_the_journal_with_their_fields(self):
+        self.switch_on()
+        entries = journal("SYSLOG_IDENTIFIER=quorvixd", since=self.before)
+        self.assertTrue(entries)
+        for entry in entries:
+            self.assertEqual(entry["QUORVIX_SUBSYSTEM"], "com.norvane.quorvix", entry)
+            self.assertIn(entry["QUORVIX_CATEGORY"], ("", "platform"), entry)
+            self.assertIn(entry["PRIORITY"], ("5", "6"), entry)
+            self.assertEqual(entry["_SYSTEMD_UNIT"], SERVICE)
+        self.assertIn(("refreshPreferences: Hang Tracing Enabled", "6", ""),
+                      [(entry["MESSAGE"], entry["PRIORITY"], entry["QUORVIX_CATEGORY"]) for entry in entries])
+
+    def test_the_line_of_the_end_has_the_default_level(self):
+        self.switch_on()
+        ctl("prefs", "set", "QuorvixEnabled", "false")
+        self.assert_down_but_well()
+        entries = journal("SYSLOG_IDENTIFIER=quorvixd", since=self.before)
+        self.assertIn(("quorvixd is exiting. All sources turned off", "5"),
+                      [(entry["MESSAGE"], entry["PRIORITY"]) for entry in entries])
+
+    def test_debug_entries_come_only_where_they_are_switched_on(self):
+        self.assertFalse(self.debug_lines_of_an_ended_app())
+        levels = MACHINE.path("/etc/vex/logging.plist")
+        levels.parent.mkdir(exist_ok=True)
+        self.addCleanup(levels.unlink)
+        levels.write_text('<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict><key>com.norvane.quorvix</key>'
+                          "<dict><key></key><string>debug</string></dict></dict></plist>")
+        MACHINE.must("systemctl", "restart", SERVICE)
+        self.assertTrue(self.debug_lines_of_an_ended_app())
+
+    def debug_lines_of_an_ended_app(self):
+        since = moment()
+        self.switch_on()
+        self.start_app("60")
+        self.wait_watched()
+        MACHINE.must("systemctl", "stop", "app.service")
+        wait_until(lambda: not watched(), 15, "the end of the watch")
+        return journal("SYSLOG_IDENTIFIER=quorvixd", "PRIORITY=7", since=since)
+
+    def test_the_journal_does_not_suppress_entries(self):
+        self.assertEqual(MACHINE.show(SERVICE)["LogRateLimitIntervalUSec"], "0")
+
+    def test_a_hang_ends_as_a_report_and_in_the_counters(self):
+        ctl("prefs", "set", "QuorvixEnableSwivex", "true")
+        self.switch_on()
+        self.start_app("60", "hang", "12", "after", "1")
+        spool = MACHINE.path(CACHES + "/spool")
+        report = wait_until(lambda: next(spool.glob("*.swivex"), None), 40, "the report")
+        self.assertIn(b'"Reason"', report.read_bytes())
+        self.assertEqual(list(MACHINE.path(CACHES + "/tmp").iterdir()), [])
+        store = MACHINE.path("/var/lib/quorvix/tallisk.db")
+        wait_until(store.exists, 30, "the store of the counters")
+        self.assertEqual(mode("/var/lib/quorvix/tallisk.db"), "-rw------- root")
+        wait_until(lambda: self.rows_about_the_app(store), 30, "the counters' rows")
+        wait_until(MACHINE.path("/var/lib/prometheus/node-exporter/quorvix.prom").exists, 30, "the exported counters")
+
+    def rows_about_the_app(self, path):
+        # A copy: the path leads through another file system's root, where the files beside the store are not found.
+        with tempfile.TemporaryDirectory() as folder:
+            for source in path.parent.glob("tallisk.db*"):
+                shutil.copy(source, folder)
+            store = sqlite3.connect(f"{folder}/tallisk.db")
+            return self.rows_of(store)
+
+    def rows_of(self, store):
+        try:
+            tables = [name for (name,) in store.execute("SELECT name FROM sqlite_schema WHERE type = 'table'")]
+            return [row for table in tables for row in store.execute(f'SELECT * FROM "{table}"') if "quorvix_poll_app" in str(row)]
+        finally:
+            store.close()
