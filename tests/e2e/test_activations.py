@@ -381,6 +381,23 @@ class BadInput(ActivationTest):
         # It still works: an open one ends and is recorded.
         self.record("com.example.storm-00000", pid=1000)
 
+    def test_long_identifiers_without_an_end(self):
+        """Few begins hold much: what is bounded is the bytes of all identifiers together."""
+        self.record()
+        before = self.resident()
+        for number in range(400):
+            self.begin(f"{number:05}" + 60000 * "x")
+        self.client = self.world.client()
+        harness.wait_until(lambda: self.settled(400), 60, "the end of the storm")
+        counters = self.counters()
+        grown = self.resident() - before
+        print(f"[400 long identifiers: open {counters['open']}, VmRSS +{grown / MIB:.1f} MiB]", end=" ", flush=True)
+        self.assertGreater(counters["open"], 0)
+        # An open one holds its identifier three times; the last one let in may pass the bound.
+        self.assertLessEqual(counters["open"], 8 * MIB // (3 * 60000) + 1)
+        if not self.sanitized():
+            self.assertLess(grown, 8 * MIB + 32 * MIB)
+
     def settled(self, begins):
         state = self.daemon.status()
         counters = state["counters"]["activations"]
@@ -404,7 +421,7 @@ class StoreFaults(ActivationTest):
             self.activate(f"com.example.lost-{number}")
         self.daemon.wait_line(FAILURE_LINE)
         harness.wait_until(lambda: self.power_log()["droppedEvents"] == 12)
-        self.assertEqual(self.power_log()["failedWrites"], failed + 1)
+        self.assertGreater(self.power_log()["failedWrites"], failed)
         line, = (line for line in self.daemon.log() if line.startswith(FAILURE_LINE))
         self.assertIn(reason, line)
         repair()
@@ -483,8 +500,12 @@ class Signposts(harness.DaemonTest):
         if not TRACING.is_dir() or subprocess.run(["mount", "-t", "tracefs", "tracing", str(TRACING)], capture_output=True).returncode:
             self.skipTest("no tracefs can be mounted here")
         self.world.mounts.append(TRACING)
-        # The kernel has one set of instances for all: another may have this one just now.
-        harness.wait_until(self.make_instance, what="the instance's other user to end")
+        # The kernel has one set of instances for all: another may have this one just now, or was killed and left it.
+        try:
+            harness.wait_until(self.make_instance, what="the end of the instance's other user")
+        except AssertionError:
+            self.remove_instance()
+            self.assertTrue(self.make_instance(), "another holds the instance")
         self.addCleanup(CAPABILITIES.unlink, missing_ok=True)
 
     def make_instance(self):
