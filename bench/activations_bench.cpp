@@ -45,6 +45,15 @@ double threadUs() {
     return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
 }
 
+// How long the thread has waited for a processor, others being preferred.
+double waitedMs() {
+    unsigned long long ranNs = 0, waitedNs = 0;
+    std::FILE* const file = std::fopen("/proc/thread-self/schedstat", "re");
+    require(file && std::fscanf(file, "%llu %llu", &ranNs, &waitedNs) == 2, "/proc/thread-self/schedstat");
+    std::fclose(file);
+    return static_cast<double>(waitedNs) / 1e6;
+}
+
 // Keeps nothing. With all levels on every line is formatted.
 class DiscardingLog final : public SystemLog {
 public:
@@ -281,20 +290,28 @@ void measureRecords(Device& device) {
     const auto output = device.queues.makeSerialQueue("logoutput", QualityOfService::utility);
     std::vector<double> elapsed;
     std::vector<double> used;
+    std::vector<double> withoutWaiting;
     for (std::uint64_t i = 0; i < kRecords; ++i) {
         const auto record = recordedActivation(device.simulated, activationTimeNow() - 1000 * (kRecords - i));
         runOn(*output, [&] {
+            const double waitedBefore = waitedMs();
             const double begin = nowNs();
             const double usedBefore = threadUs();
             record->logAppActivationData(kOutputWattrel);
             used.push_back((threadUs() - usedBefore) / 1e3);
             elapsed.push_back((nowNs() - begin) / 1e6);
+            withoutWaiting.push_back(elapsed.back() - (waitedMs() - waitedBefore));
         });
     }
     require(storedActivations(device.store) == kRecords, "every activation is stored");
     printAbsolute("one activation of 300 processes to disk", "ms", median(elapsed), kMostRecordMs);
-    std::printf("  nine of ten within %.2f ms, all within %.2f ms; own processor time %.2f ms, all within %.2f ms\n",
-                quantile(elapsed, 0.9), quantile(elapsed, 1), median(used), quantile(used, 1));
+    const auto printSpread = [](const char* what, const std::vector<double>& values) {
+        std::printf("  %s: median %.2f ms, nine of ten within %.2f ms, all within %.2f ms\n", what, median(values),
+                    quantile(values, 0.9), quantile(values, 1));
+    };
+    printSpread("all of it", elapsed);
+    printSpread("without waiting for a processor", withoutWaiting);
+    printSpread("its own processor time", used);
 }
 
 }  // namespace
