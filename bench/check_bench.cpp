@@ -145,11 +145,29 @@ int main() {
     auto& device = *new sim::SimPlatform;
     device.log.setEnabled(LogLevel::info, false);
     auto& regions = *new linuxos::MappedRegions;
-    auto& platform =
-        *new Platform{device.tickClock,     device.wallClock,    device.queues,        device.messages,     regions,
-                      device.notifications, device.preferences,  device.propertyLists, device.capabilities, device.log,
-                      device.counters,      device.processes,    device.files,         device.libraries,    device.json,
-                      device.random,        device.renderServer, device.lifecycle,     device.state};
+    auto& platform = *new Platform{.tickClock = device.tickClock,
+                                   .wallClock = device.wallClock,
+                                   .queues = device.queues,
+                                   .messages = device.messages,
+                                   .regions = regions,
+                                   .notifications = device.notifications,
+                                   .preferences = device.preferences,
+                                   .propertyLists = device.propertyLists,
+                                   .capabilities = device.capabilities,
+                                   .log = device.log,
+                                   .counters = device.counters,
+                                   .processes = device.processes,
+                                   .host = device.host,
+                                   .files = device.files,
+                                   .libraries = device.libraries,
+                                   .json = device.json,
+                                   .random = device.random,
+                                   .renderServer = device.renderServer,
+                                   .lifecycle = device.lifecycle,
+                                   .state = device.state,
+                                   .powerLog = device.powerLog,
+                                   .signposts = device.signposts,
+                                   .console = device.console};
     setPlatform(&platform);
     serviceState().msPerTick =
         QUORVIX_TICK_RATIO_NUMERATOR * 1e-6 / static_cast<double>(QUORVIX_TICK_RATIO_DENOMINATOR);

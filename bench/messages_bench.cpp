@@ -125,25 +125,29 @@ private:
     linuxos::LinuxQueueService queues_;
     linuxos::MappedRegions regions_;
     linuxos::LinuxMessageService messages_{log_, device_.lifecycle, regions_, {.runDirectory = folder_, .limits = {}}};
-    Platform platform_{device_.tickClock,
-                       device_.wallClock,
-                       queues_,
-                       messages_,
-                       regions_,
-                       device_.notifications,
-                       device_.preferences,
-                       device_.propertyLists,
-                       device_.capabilities,
-                       log_,
-                       device_.counters,
-                       device_.processes,
-                       device_.files,
-                       device_.libraries,
-                       device_.json,
-                       device_.random,
-                       device_.renderServer,
-                       device_.lifecycle,
-                       device_.state};
+    Platform platform_{.tickClock = device_.tickClock,
+                       .wallClock = device_.wallClock,
+                       .queues = queues_,
+                       .messages = messages_,
+                       .regions = regions_,
+                       .notifications = device_.notifications,
+                       .preferences = device_.preferences,
+                       .propertyLists = device_.propertyLists,
+                       .capabilities = device_.capabilities,
+                       .log = log_,
+                       .counters = device_.counters,
+                       .processes = device_.processes,
+                       .host = device_.host,
+                       .files = device_.files,
+                       .libraries = device_.libraries,
+                       .json = device_.json,
+                       .random = device_.random,
+                       .renderServer = device_.renderServer,
+                       .lifecycle = device_.lifecycle,
+                       .state = device_.state,
+                       .powerLog = device_.powerLog,
+                       .signposts = device_.signposts,
+                       .console = device_.console};
     std::shared_ptr<MessageListener> listener_;
 };
 

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/AllocationCount.h"
 #include "bench/Bench.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/ProcessQueries.h"
@@ -155,6 +156,25 @@ double measure(Work&& work) {
     return (bench::nowNs() - begin) / 1e6;
 }
 
+// A table keeps its memory, and what is summed up beside it keeps two turn by turn: only the first two snapshots
+// allocate for their processes. The median of later ones, since processes that come up in between may make it grow.
+void countAllocations(const char* name, std::unique_ptr<linuxos::ProcessSource> source) {
+    Snapshot snapshot(std::move(source));
+    const auto allocationsOfOne = [&snapshot] {
+        const std::uint64_t before = bench::allocationCount();
+        snapshot.take();
+        return static_cast<double>(bench::allocationCount() - before);
+    };
+    const double first = allocationsOfOne();
+    const double second = allocationsOfOne();
+    bench::require(first > 0, "allocations are counted");
+    std::vector<double> later;
+    for (int i = 0; i < 11; ++i) later.push_back(allocationsOfOne());
+    bench::printAbsolute(name, "allocations", bench::median(later), 0);
+    std::printf("  the first two of %zu processes: %.0f and %.0f; at most %.0f later\n", snapshot.size(), first, second,
+                bench::quantile(later, 1));
+}
+
 double psMs() {
     return measure([] {
         bench::require(std::system("ps -eLo pid,comm,time,maj_flt,rss >/dev/null") == 0, "ps (package procps)");
@@ -174,19 +194,22 @@ void run() {
     const bool iterates = linuxos::TaskIteratorSource().read(samples) == 0;
     Snapshot iterator(std::make_unique<linuxos::TaskIteratorSource>());
     if (iterates) iterator.take();
+    countAllocations("a later procfs snapshot", std::make_unique<linuxos::ProcfsSource>());
+    if (iterates) countAllocations("a later snapshot of the iterator", std::make_unique<linuxos::TaskIteratorSource>());
 
     bench::Comparison procfsToBare("procfs snapshot to its bare reads", "ms");
     bench::Comparison bareToIterator("bare procfs reads to the iterator's snapshot", "ms");
     bench::Comparison psToIterator("ps -eL to the iterator's snapshot", "ms");
     bench::Comparison psToProcfs("ps -eL to the procfs snapshot", "ms");
     for (int round = 0; round < 11; ++round) {
+        bare.run();  // what ps left behind in the caches is not what is measured
         const double bareMs = measure([&] { bare.run(); });
         const double procfsMs = measure([&] { procfs.take(); });
         const double ps = psMs();
         procfsToBare.add(procfsMs, bareMs);
         psToProcfs.add(ps, procfsMs);
         if (!iterates) continue;
-        iterator.take();  // what ps left behind in the caches is not what is measured
+        iterator.take();  // as above
         const double iteratorMs = measure([&] { iterator.take(); });
         bareToIterator.add(bareMs, iteratorMs);
         psToIterator.add(ps, iteratorMs);
