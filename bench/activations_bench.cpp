@@ -171,7 +171,10 @@ struct Device {
                 .state = s.state,
                 .powerLog = powerLog,
                 .signposts = s.signposts,
-                .console = s.console};
+                .console = s.console,
+                .systemInformation = s.systemInformation,
+                .processMemory = s.processMemory,
+                .kernelMemory = s.kernelMemory};
     }
     Platform withSimulatedLog = platformWith(simulated.powerLog);
     Platform withStore = platformWith(store);

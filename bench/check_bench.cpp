@@ -167,7 +167,10 @@ int main() {
                                    .state = device.state,
                                    .powerLog = device.powerLog,
                                    .signposts = device.signposts,
-                                   .console = device.console};
+                                   .console = device.console,
+                                   .systemInformation = device.systemInformation,
+                                   .processMemory = device.processMemory,
+                                   .kernelMemory = device.kernelMemory};
     setPlatform(&platform);
     serviceState().msPerTick =
         QUORVIX_TICK_RATIO_NUMERATOR * 1e-6 / static_cast<double>(QUORVIX_TICK_RATIO_DENOMINATOR);

@@ -147,7 +147,10 @@ private:
                        .state = device_.state,
                        .powerLog = device_.powerLog,
                        .signposts = device_.signposts,
-                       .console = device_.console};
+                       .console = device_.console,
+                       .systemInformation = device_.systemInformation,
+                       .processMemory = device_.processMemory,
+                       .kernelMemory = device_.kernelMemory};
     std::shared_ptr<MessageListener> listener_;
 };
 

@@ -17,12 +17,14 @@
 #include "platform/linux/Files.h"
 #include "platform/linux/HostStatistics.h"
 #include "platform/linux/Json.h"
+#include "platform/linux/KernelMemory.h"
 #include "platform/linux/LibraryLoader.h"
 #include "platform/linux/Lifecycle.h"
 #include "platform/linux/MessageService.h"
 #include "platform/linux/Notifications.h"
 #include "platform/linux/PowerLogStore.h"
 #include "platform/linux/PreferencesStore.h"
+#include "platform/linux/ProcessMemory.h"
 #include "platform/linux/ProcessQueries.h"
 #include "platform/linux/PropertyListReader.h"
 #include "platform/linux/QueueService.h"
@@ -31,6 +33,7 @@
 #include "platform/linux/SharedMemory.h"
 #include "platform/linux/Signposts.h"
 #include "platform/linux/StateService.h"
+#include "platform/linux/SystemInformation.h"
 #include "platform/linux/WallClock.h"
 
 namespace quorvix::ctl {
@@ -109,6 +112,9 @@ private:
     linuxos::LinuxSignposts signposts_;
     linuxos::PowerLogStore powerLog_{log_};
     linuxos::LinuxStateService state_{log_};
+    linuxos::LinuxSystemInformation systemInformation_;
+    linuxos::LinuxProcessMemory processMemory_;
+    linuxos::LinuxKernelMemory kernelMemory_;
     Platform services_{.tickClock = tickClock_,
                        .wallClock = wallClock_,
                        .queues = queues_,
@@ -131,7 +137,10 @@ private:
                        .state = state_,
                        .powerLog = powerLog_,
                        .signposts = signposts_,
-                       .console = console_};
+                       .console = console_,
+                       .systemInformation = systemInformation_,
+                       .processMemory = processMemory_,
+                       .kernelMemory = kernelMemory_};
 };
 
 // A child that waits to become the command, so that the first snapshot holds its pid and none of its work.
