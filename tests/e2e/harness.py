@@ -29,6 +29,8 @@ SANITIZER_SIGNS = ("ERROR: AddressSanitizer", "runtime error:", "ERROR: LeakSani
 TRACKER_QUEUE = "com.norvane.quorvix.perfstats.activationqueue"
 TRACKER_DESCRIPTORS = collections.Counter({"anon_inode:[timerfd]": 4, "anon_inode:[eventpoll]": 2, "anon_inode:[eventfd]": 2,
                                            "anon_inode:inotify": 1, "/proc": 1})
+# What memory snapshots take at the first one and keep: the processes' folder.
+SNAPSHOT_DESCRIPTORS = collections.Counter({"/proc": 1})
 # Everything that the daemon or a test may have left behind.
 STATE_FOLDERS = ["/var/root", "/var/mobile", "/var/lib/quorvix", "/run/vex", "/Library", "/etc/vex"]
 
@@ -241,6 +243,8 @@ class World:
         allowed = daemon.base
         if TRACKER_QUEUE in daemon.platform("queues"):
             allowed = allowed + TRACKER_DESCRIPTORS
+        if daemon.has_line("emory snapshot "):
+            allowed = allowed + SNAPSHOT_DESCRIPTORS
         try:
             wait_until(lambda: not daemon.descriptors() - allowed, what="return of the descriptors")
             wait_until(lambda: daemon.platform("regions")["mappings"] == 0, what="return of the mappings")
