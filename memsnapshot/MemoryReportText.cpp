@@ -8,7 +8,7 @@ namespace quorvix {
 
 namespace {
 
-constexpr std::size_t kExpectedBytes = 256 * 1024;
+constexpr std::size_t kExpectedBytes = std::size_t{256} * 1024;
 
 void replaceAll(std::string& text, std::string_view from, std::string_view to) {
     for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {

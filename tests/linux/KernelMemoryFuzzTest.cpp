@@ -22,11 +22,11 @@ void expectSeedsHold(const std::string& corpus, bool (*entry)(std::string_view),
 }
 
 TEST(KernelMemoryFuzzTest, EverySeedOfTheSlabListIsReadUnlessItIsNamedBad) {
-    expectSeedsHold("slabinfo", slabInfoHolds, 5);
+    expectSeedsHold("slab-info", slabInfoHolds, 5);
 }
 
 TEST(KernelMemoryFuzzTest, EverySeedOfTheAreaListIsReadUnlessItIsNamedBad) {
-    expectSeedsHold("vmallocinfo", vmallocInfoHolds, 3);
+    expectSeedsHold("vmalloc-info", vmallocInfoHolds, 3);
 }
 
 }  // namespace
