@@ -127,20 +127,16 @@ void LinuxKernelMemory::addVmallocCallers(KernelMemoryInformation& information, 
     std::uint64_t rest = 0;
     for (std::size_t at = kMaximumCallers; at < callers.size(); ++at, ++summedCallers_) rest += callers[at].sizeBytes;
     callers.resize(std::min(callers.size(), kMaximumCallers));
-    for (const VmallocCaller& caller : callers) {
-        if (!caller.symbol.empty()) symbols_.want(caller.symbol, caller.module);
-    }
-    symbols_.lookUp();
 
     std::uint64_t place = 0;
     for (const VmallocCaller& caller : callers) {
         ++place;
         std::uint64_t address = caller.address;
         if (!caller.symbol.empty()) {
-            // Where the kernel hides its addresses, the place in the list stands for one: the name is known all the
-            // same.
-            address = symbols_.addressOf(caller.symbol, caller.module).value_or(place);
-            names_.insert_or_assign(address, std::string(caller.symbol));
+            // The place in the list stands for the address, which a named site never shows. No kernel address is so
+            // low.
+            address = place;
+            names_.emplace(address, caller.symbol);
         }
         information.sites.push_back({WiredSite::Kind::kernelAddress, address, caller.sizeBytes});
     }
@@ -154,10 +150,7 @@ std::unique_ptr<SymbolResolver> LinuxKernelMemory::makeSymbolResolver() {
 }
 
 JsonObject LinuxKernelMemory::selfCounters() const {
-    return {{"symbolListReads", symbols_.listReads()},
-            {"droppedSymbols", symbols_.droppedNames()},
-            {"summedCallers", summedCallers_},
-            {"missingSources", missingSources_}};
+    return {{"summedCallers", summedCallers_}, {"missingSources", missingSources_}};
 }
 
 }  // namespace quorvix::linuxos

@@ -9,13 +9,12 @@
 
 #include "platform/Json.h"
 #include "platform/KernelMemory.h"
-#include "platform/linux/KernelSymbols.h"
 
 namespace quorvix::linuxos {
 
 // The kernel's own memory from procfs: slab caches, figures of meminfo by tag, loaded modules, and vmalloc areas by the
-// function that allocated them. Every source may be absent. docs/memory-report.md says what is counted where, so that
-// nothing is counted twice. One thread.
+// function that allocated them. Every source may be absent. docs/linux-sources-memory.md says what is counted where, so
+// that nothing is counted twice. One thread.
 class LinuxKernelMemory final : public KernelMemory {
 public:
     // The zone of allocations too large for any cache, as far as the caches' sum leaves room below meminfo's figure.
@@ -23,12 +22,13 @@ public:
     // Functions beyond these are summed up under the tag of allocations that are not told apart.
     static constexpr std::size_t kMaximumCallers = 2048;
 
-    explicit LinuxKernelMemory(std::string proc = "/proc") : proc_(std::move(proc)), symbols_(proc_ + "/kallsyms") {}
+    explicit LinuxKernelMemory(std::string proc = "/proc") : proc_(std::move(proc)) {}
 
     KernelMemoryInformation information() override;
     // In the order of the last information's sites.
     std::vector<KernelExtension> loadedExtensions() override;
-    // Knows the addresses of the last information.
+    // Knows the addresses of the last information: the kernel, which hides the addresses of its functions, has looked
+    // their names up in its own symbol list, and reading all of that list for them again would take 30 ms.
     std::unique_ptr<SymbolResolver> makeSymbolResolver() override;
 
     JsonObject selfCounters() const;
@@ -40,7 +40,6 @@ private:
     void addVmallocCallers(KernelMemoryInformation& information, std::string_view meminfo, bool modulesAreListed);
 
     const std::string proc_;
-    KernelSymbols symbols_;
     std::vector<KernelExtension> extensions_;
     std::map<std::uint64_t, std::string> names_;  // of the addresses that the last information gave
     std::uint64_t missingSources_ = 0;

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <limits>
 #include <map>
+#include <optional>
 #include <utility>
 
 namespace quorvix::linuxos {
@@ -159,20 +160,6 @@ std::vector<KernelModule> parseModules(std::string_view text) {
         if (!name.empty() && size) modules.push_back({name, *size});
     });
     return modules;
-}
-
-std::optional<KernelSymbol> parseKernelSymbol(std::string_view line) {
-    KernelSymbol symbol;
-    const auto address = numberOf(takeWord(line), 16);
-    const std::string_view type = takeWord(line);
-    symbol.name = takeWord(line);
-    if (!address || type.size() != 1 || symbol.name.empty()) return std::nullopt;
-    symbol.address = *address;
-    const std::string_view module = takeWord(line);
-    if (module.size() > 2 && module.starts_with('[') && module.ends_with(']')) {
-        symbol.module = module.substr(1, module.size() - 2);
-    }
-    return symbol;
 }
 
 }  // namespace quorvix::linuxos

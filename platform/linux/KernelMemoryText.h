@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,13 +36,5 @@ struct KernelModule {
     std::uint64_t sizeBytes = 0;
 };
 std::vector<KernelModule> parseModules(std::string_view text);
-
-// One line of /proc/kallsyms.
-struct KernelSymbol {
-    std::uint64_t address = 0;
-    std::string_view name;
-    std::string_view module;
-};
-std::optional<KernelSymbol> parseKernelSymbol(std::string_view line);
 
 }  // namespace quorvix::linuxos

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <numeric>
+#include <map>
 
 #include "platform/TextFormat.h"
 #include "platform/linux/KernelMemoryText.h"
@@ -17,6 +17,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Pair;
 using Kind = WiredSite::Kind;
 
 constexpr std::string_view kSlabInfo =
@@ -107,15 +108,6 @@ TEST(Modules, AreListedInTheirOrder) {
     EXPECT_EQ(modules[1].sizeBytes, 16384u);
 }
 
-TEST(KernelSymbolLines, AreAddressTypeNameAndModule) {
-    const auto symbol = parseKernelSymbol("ffffffff81000000 T _stext");
-    ASSERT_TRUE(symbol);
-    EXPECT_EQ(symbol->address, 0xffffffff81000000u);
-    EXPECT_EQ(symbol->name, "_stext");
-    EXPECT_EQ(parseKernelSymbol("ffffffffc0001000 t setup_ring\t[driver]")->module, "driver");
-    for (const char* text : {"", "ffff", "ffff T", "xyz T name", "ffff TT name"}) EXPECT_FALSE(parseKernelSymbol(text));
-}
-
 // A made-up /proc.
 class ScriptedKernel : public testing::Test {
 protected:
@@ -130,9 +122,6 @@ protected:
               "VmallocUsed: 48 kB\nMlocked: 12 kB\nZswap: 5 kB\n");
         write("vmstat", "nr_memmap_pages 1\nnr_memmap_boot_pages 2\n");
         write("modules", "driver 8192 0 - Live 0x0\next4 16384 0 - Live 0x0\n");
-        write("kallsyms",
-              "ffffffff81000000 T _text\nffffffff81001000 t htab_map_alloc\nffffffff81002000 t htab_map_alloc\n"
-              "ffffffffc0001000 t setup_ring\t[driver]\nffffffff81003000 t setup_ring");
     }
     static std::uint64_t sizeOf(const KernelMemoryInformation& information, Kind kind, std::uint64_t number) {
         for (const WiredSite& site : information.sites) {
@@ -172,19 +161,28 @@ TEST_F(ScriptedKernel, TagsComeFromMeminfo) {
     EXPECT_EQ(sizeOf(information, Kind::kernelTag, 24), 12u * 1024);
 }
 
-TEST_F(ScriptedKernel, FunctionsAreNamedByTheirAddressesAndNothingCountsTwice) {
+TEST_F(ScriptedKernel, FunctionsHaveTheirNamesAndNothingCountsTwice) {
     writeEverything();
     const auto information = memory_.information();
-    EXPECT_EQ(sizeOf(information, Kind::kernelAddress, 0xffffffff81001000), 3 * page_) << "the first of its name";
-    EXPECT_EQ(sizeOf(information, Kind::kernelAddress, 0xffffffffc0001000), page_) << "the module's";
-    EXPECT_EQ(sizeOf(information, Kind::kernelAddress, 0xffffffffc0001234), page_) << "without a symbol";
-    std::uint64_t sum = 0;
-    for (const WiredSite& site : information.sites) sum += site.kind == Kind::kernelAddress ? site.sizeBytes : 0;
-    EXPECT_EQ(sum, 5 * page_) << "neither stacks nor modules";
     const auto resolver = memory_.makeSymbolResolver();
-    EXPECT_EQ(resolver->symbolAt(0xffffffff81001000), "htab_map_alloc");
-    EXPECT_EQ(resolver->symbolAt(0xffffffffc0001000), "setup_ring");
-    EXPECT_EQ(resolver->symbolAt(0xffffffffc0001234), std::nullopt);
+    std::map<std::string, std::uint64_t> sizes;
+    for (const WiredSite& site : information.sites) {
+        if (site.kind != Kind::kernelAddress) continue;
+        sizes[resolver->symbolAt(site.number).value_or(formatText("%llx", site.number))] += site.sizeBytes;
+    }
+    EXPECT_THAT(sizes, ElementsAre(Pair("ffffffffc0001234", page_), Pair("htab_map_alloc", 3 * page_),
+                                   Pair("setup_ring", page_)))
+        << "neither stacks nor modules";
+}
+
+TEST_F(ScriptedKernel, NoResolverKnowsTheNamesOfAnotherSnapshot) {
+    writeEverything();
+    (void)memory_.information();
+    EXPECT_EQ(memory_.makeSymbolResolver()->symbolAt(1), "htab_map_alloc");
+    EXPECT_EQ(memory_.makeSymbolResolver()->symbolAt(1), std::nullopt) << "they went with the first";
+    write("vmallocinfo", "");
+    (void)memory_.information();
+    EXPECT_EQ(memory_.makeSymbolResolver()->symbolAt(1), std::nullopt);
 }
 
 TEST_F(ScriptedKernel, ModulesAreExtensionsByTheirPlace) {
@@ -212,24 +210,6 @@ TEST_F(ScriptedKernel, WithoutTheModuleListTheirMemoryCountsAsOthers) {
     EXPECT_THAT(memory_.loadedExtensions(), IsEmpty());
 }
 
-TEST_F(ScriptedKernel, HiddenAddressesKeepTheirNames) {
-    writeEverything();
-    write("kallsyms", "0000000000000000 t htab_map_alloc\n");
-    const auto information = memory_.information();
-    const auto resolver = memory_.makeSymbolResolver();
-    EXPECT_EQ(sizeOf(information, Kind::kernelAddress, 1), 3 * page_);
-    EXPECT_EQ(resolver->symbolAt(1), "htab_map_alloc");
-}
-
-TEST_F(ScriptedKernel, TheSymbolListIsReadOnceForTheSameFunctions) {
-    writeEverything();
-    (void)memory_.information();
-    (void)memory_.information();
-    EXPECT_EQ(memory_.makeSymbolResolver()->symbolAt(0xffffffff81001000), "htab_map_alloc");
-    const std::string counters = formatText("%@", memory_.selfCounters());
-    EXPECT_NE(counters.find("\"symbolListReads\":1,"), std::string::npos) << counters;
-}
-
 TEST_F(ScriptedKernel, AreasThatCannotBeReadAreOneTag) {
     writeEverything();
     ASSERT_EQ(unlink(folder_.path("vmallocinfo").c_str()), 0);
@@ -255,34 +235,6 @@ TEST_F(ScriptedKernel, WithoutAnySourceThereIsNothing) {
     for (const WiredSite& site : information.sites) EXPECT_EQ(site.sizeBytes, 0u);
     EXPECT_THAT(memory_.loadedExtensions(), IsEmpty());
     EXPECT_EQ(memory_.makeSymbolResolver()->symbolAt(1), std::nullopt);
-}
-
-TEST(KernelSymbolNames, AreBounded) {
-    const tests::TemporaryFolder folder;
-    tests::writeWholeFile(folder.path("kallsyms"), "ffffffff81000000 T f0\nffffffff81000001 T beyond\n");
-    KernelSymbols symbols(folder.path("kallsyms"));
-    for (std::size_t i = 0; i < KernelSymbols::kMaximumNames; ++i) symbols.want("f" + std::to_string(i), "");
-    symbols.want("beyond", "");
-    symbols.lookUp();
-    EXPECT_EQ(symbols.droppedNames(), 1u);
-    EXPECT_EQ(symbols.addressOf("f0", ""), 0xffffffff81000000u);
-    EXPECT_EQ(symbols.addressOf("beyond", ""), std::nullopt);
-}
-
-TEST(KernelSymbolNames, AreFoundAcrossThePiecesOfALongList) {
-    const tests::TemporaryFolder folder;
-    std::string text;
-    for (int i = 0; i < 20'000; ++i) text += "ffffffff81000000 T function_" + std::to_string(i) + "\n";
-    text += "ffffffff82000000 T the_last";
-    tests::writeWholeFile(folder.path("kallsyms"), text);
-    KernelSymbols symbols(folder.path("kallsyms"));
-    for (int i = 0; i < 4000; ++i) symbols.want("function_" + std::to_string(i), "");
-    symbols.want("the_last", "");
-    symbols.lookUp();
-    for (int i = 0; i < 4000; ++i) {
-        ASSERT_TRUE(symbols.addressOf("function_" + std::to_string(i), "")) << i;
-    }
-    EXPECT_EQ(symbols.addressOf("the_last", ""), 0xffffffff82000000u);
 }
 
 // The kernel's own files.
