@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <memory>
@@ -85,14 +86,22 @@ std::optional<RegistryEntry> parseRegistryEntry(std::string_view text) {
     return entry;
 }
 
-void ProcessAssertions::read(const StartOf& startOf) {
+void ProcessAssertions::read(std::span<const std::int32_t> pids, const StartOf& startOf) {
     masks_.clear();
-    eachFile(places_.inhibitors, [this](std::string_view, std::string_view text) {
+    const auto every = [](std::string_view) { return true; };
+    eachFile(places_.inhibitors, every, [this](std::string_view, std::string_view text) {
         const auto assertion = parseInhibitor(text);
         if (assertion) masks_[assertion->pid] |= assertion->mask;
         return true;  // a kind that has no assertion is nothing wrong
     });
-    eachFile(places_.registry, [&](std::string_view name, std::string_view text) {
+    const auto ofOneThatLives = [&](std::string_view name) {
+        std::int32_t pid = 0;
+        // A name that is no pid is looked at, and then counted as of no use.
+        if (!takeNumber(name, pid) || !name.empty() || std::ranges::binary_search(pids, pid)) return true;
+        ++staleEntries_;
+        return false;
+    };
+    eachFile(places_.registry, ofOneThatLives, [&](std::string_view name, std::string_view text) {
         const auto entry = parseRegistryEntry(text);
         if (!entry || name != std::to_string(entry->pid)) return false;
         if (startOf(entry->pid) != entry->startUnits) {
@@ -104,8 +113,7 @@ void ProcessAssertions::read(const StartOf& startOf) {
     });
 }
 
-void ProcessAssertions::eachFile(const std::string& folder,
-                                 const std::function<bool(std::string_view name, std::string_view text)>& use) {
+void ProcessAssertions::eachFile(const std::string& folder, const Wanted& wanted, const Use& use) {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(folder.c_str()), ::closedir);
     if (!directory) return;
     const auto isOwnersAlone = [this](const struct stat& status) {
@@ -119,12 +127,12 @@ void ProcessAssertions::eachFile(const std::string& folder,
     std::size_t count = 0;
     while (const dirent* const entry = ::readdir(directory.get())) {
         const std::string_view name = entry->d_name;
-        // Names with a dot are files that are being written, the login manager's pipes end in ".ref".
-        if (name.find('.') != std::string_view::npos) continue;
         if (++count > kMaximumFiles) {
             ++refusedFiles_;
             return;
         }
+        // Names with a dot are files that are being written, the login manager's pipes end in ".ref".
+        if (name.find('.') != std::string_view::npos || !wanted(name)) continue;
         const Descriptor file(
             openat(dirfd(directory.get()), entry->d_name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
         if (!file) continue;  // its holder has just let go

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -39,12 +40,14 @@ public:
     };
     // The start time of a living process; nothing where it is gone.
     using StartOf = std::function<std::optional<std::uint64_t>(std::int32_t pid)>;
-    // More files than this in a folder are not looked at.
+    // More names than this in a folder are not looked at.
     static constexpr std::size_t kMaximumFiles = 4096;
 
     explicit ProcessAssertions(Places places) : places_(std::move(places)) {}
 
-    void read(const StartOf& startOf);
+    // Registry entries of other processes than these, whose ids are in order, are not opened: however many there are,
+    // they cost no more than their names.
+    void read(std::span<const std::int32_t> pids, const StartOf& startOf);
     std::uint64_t maskOf(std::int32_t pid) const;
     // Registry entries of processes that are gone, and whose pid another has now.
     std::uint64_t staleEntries() const { return staleEntries_; }
@@ -52,9 +55,12 @@ public:
     std::uint64_t refusedFiles() const { return refusedFiles_; }
 
 private:
-    // Every file of a folder that root alone may write.
-    void eachFile(const std::string& folder,
-                  const std::function<bool(std::string_view name, std::string_view text)>& use);
+    using Wanted = std::function<bool(std::string_view name)>;
+    // False: of no use.
+    using Use = std::function<bool(std::string_view name, std::string_view text)>;
+
+    // Every wanted file of a folder that root alone may write.
+    void eachFile(const std::string& folder, const Wanted& wanted, const Use& use);
 
     const Places places_;
     std::unordered_map<std::int32_t, std::uint64_t> masks_;

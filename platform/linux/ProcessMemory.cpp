@@ -63,28 +63,45 @@ Result<std::vector<MemoryPriority>> LinuxProcessMemory::priorityList() {
     std::vector<MemoryPriority> list;
     list.reserve(pids_.size());
     for (const std::int32_t pid : pids_) {
-        const std::string prefix = std::to_string(pid);
-        auto footprint = footprintOf(prefix);
-        if (!footprint) {
-            // A kernel thread, a process that has ended, or one whose first thread has.
-            const auto stat = parseStat(readFile(prefix + "/stat"));
-            if (!stat || stat->flags & kKernelThreadFlag || stat->threadCount < 2) continue;
-            footprint = footprintOfThreads(pid);
-            if (!footprint) continue;
-        }
-        std::string_view text = readFile(prefix + "/oom_score_adj");
-        std::int32_t priority = 0;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), priority);
-        if (error != std::errc()) {
-            // Gone since, or hidden from us: the others are listed all the same.
-            ++unreadable_;
-            continue;
-        }
-        footprints_.push_back({pid, *footprint});
-        list.push_back({.pid = pid, .priority = priority, .state = 0});
+        const auto entry = entryOf(pid);
+        if (!entry) continue;
+        footprints_.push_back({pid, entry->footprint});
+        list.push_back({.pid = pid, .priority = entry->priority, .state = 0});
     }
-    assertions_.read([this](std::int32_t pid) { return startOf(pid); });
+    assertions_.read(pids_, [this](std::int32_t pid) { return startOf(pid); });
     return list;
+}
+
+std::optional<LinuxProcessMemory::Entry> LinuxProcessMemory::entryOf(std::int32_t pid) {
+    const std::string prefix = std::to_string(pid);
+    Entry entry;
+    if (const auto footprint = footprintOf(prefix)) {
+        entry.footprint = *footprint;
+    } else if (couldNotBeRead()) {
+        // It keeps its record, as long as it is no kernel thread.
+        ++unreadable_;
+        if (!hasExecutable(pid)) return std::nullopt;
+    } else {
+        // A kernel thread, a process that has ended, or one whose first thread has.
+        const auto stat = parseStat(readFile(prefix + "/stat"));
+        if (!stat || stat->flags & kKernelThreadFlag || stat->threadCount < 2) return std::nullopt;
+        const auto ofThreads = footprintOfThreads(pid);
+        if (!ofThreads) return std::nullopt;
+        entry.footprint = *ofThreads;
+    }
+    const std::string_view text = readFile(prefix + "/oom_score_adj");
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), entry.priority);
+    if (error == std::errc()) return entry;
+    if (!couldNotBeRead()) return std::nullopt;  // gone since
+    ++unreadable_;
+    return entry;
+}
+
+bool LinuxProcessMemory::hasExecutable(std::int32_t pid) {
+    // Needs no descriptor, so that it works where there are none left.
+    const std::string path = std::to_string(pid) + "/exe";
+    return readlinkat(directory_.get(), path.c_str(), buffer_.data(), buffer_.size()) >= 0 ||
+           (errno != ENOENT && errno != ESRCH);
 }
 
 int LinuxProcessMemory::listIds(int directory, std::vector<std::int32_t>& ids) {
@@ -164,9 +181,10 @@ Result<std::uint64_t> LinuxProcessMemory::physicalFootprint(std::int32_t pid) {
 }
 
 std::string_view LinuxProcessMemory::readFile(const std::string& path) {
+    readError_ = 0;
     const Descriptor file(openat(directory_.get(), path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) return {};
-    const ssize_t count = ::read(file.get(), buffer_.data(), buffer_.size());
+    const ssize_t count = file ? ::read(file.get(), buffer_.data(), buffer_.size()) : -1;
+    if (count < 0) readError_ = errno;
     if (count <= 0) return {};
     return {buffer_.data(), static_cast<std::size_t>(count)};
 }

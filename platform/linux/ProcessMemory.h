@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -51,7 +52,16 @@ private:
         std::uint64_t bytes;
     };
 
+    // What tells of one process: nothing where it is no process of the list.
+    struct Entry {
+        std::uint64_t footprint = 0;
+        std::int32_t priority = 0;
+    };
+
     int openDirectory();
+    std::optional<Entry> entryOf(std::int32_t pid);
+    // Whether a process whose files can't be read is one all the same.
+    bool hasExecutable(std::int32_t pid);
     int listIds(int directory, std::vector<std::int32_t>& ids);
     bool swapIsUsed();
     // Anonymous and swapped bytes of what /proc/PREFIX tells of; nothing where it has no memory or is gone.
@@ -59,8 +69,9 @@ private:
     // The same from a thread that still runs, where the first one has ended.
     std::optional<std::uint64_t> footprintOfThreads(std::int32_t pid);
     std::optional<std::uint64_t> startOf(std::int32_t pid);
-    // Valid until the next call; empty when it can't be read.
+    // Valid until the next call; empty when it can't be read, and readError_ says why.
     std::string_view readFile(const std::string& path);
+    bool couldNotBeRead() const { return readError_ != 0 && readError_ != ENOENT && readError_ != ESRCH; }
 
     const Places places_;
     ProcessAssertions assertions_;
@@ -69,6 +80,7 @@ private:
     std::vector<std::int32_t> threads_;
     std::vector<Footprint> footprints_;  // in the order of their pids
     bool swapIsUsed_ = false;
+    int readError_ = 0;
     std::uint64_t lists_ = 0;
     std::uint64_t unreadable_ = 0;
     alignas(dirent64) std::array<char, 32768> buffer_;

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
+#include <vector>
 
 #include "tests/support/TemporaryFolder.h"
 
@@ -60,7 +62,7 @@ protected:
         chmod(folder_.path("registry/" + name).c_str(), 0644);
     }
     std::uint64_t mask(std::int32_t pid) {
-        assertions_.read([this](std::int32_t of) -> std::optional<std::uint64_t> {
+        assertions_.read(pids_, [this](std::int32_t of) -> std::optional<std::uint64_t> {
             const auto found = starts_.find(of);
             if (found == starts_.end()) return std::nullopt;
             return found->second;
@@ -69,6 +71,7 @@ protected:
     }
 
     tests::TemporaryFolder folder_;
+    std::vector<std::int32_t> pids_{7, 9};
     std::map<std::int32_t, std::uint64_t> starts_{{7, 100}};
     ProcessAssertions assertions_{
         {.inhibitors = folder_.path("inhibit"), .registry = folder_.path("registry"), .owner = geteuid()}};
@@ -92,9 +95,11 @@ TEST_F(AssertionFolders, AreReadAnewForEverySnapshot) {
 TEST_F(AssertionFolders, AnEntryOfAnEarlierProcessOfThePidIsStale) {
     entry("7", "7 99 0x1\n");
     entry("8", "8 100 0x1\n");
+    entry("9", "9 100 0x1\n");
     EXPECT_EQ(mask(7), 0u);
-    EXPECT_EQ(assertions_.maskOf(8), 0u);
-    EXPECT_EQ(assertions_.staleEntries(), 2u);
+    EXPECT_EQ(assertions_.maskOf(8), 0u) << "not in the list";
+    EXPECT_EQ(assertions_.maskOf(9), 0u) << "gone since the list";
+    EXPECT_EQ(assertions_.staleEntries(), 3u);
 }
 
 TEST_F(AssertionFolders, WhatOthersMayWriteIsRefused) {
@@ -126,15 +131,31 @@ TEST_F(AssertionFolders, LinksAndPipesAreNotRead) {
     EXPECT_EQ(assertions_.refusedFiles(), 1u) << "the pipe without the login manager's ending";
 }
 
-TEST_F(AssertionFolders, TooManyFilesAreCutOff) {
-    for (std::size_t i = 0; i < ProcessAssertions::kMaximumFiles + 10; ++i) inhibitor(std::to_string(i), "");
+TEST_F(AssertionFolders, TooManyFilesAreCutOffWhateverTheirNames) {
+    for (std::size_t i = 0; i < ProcessAssertions::kMaximumFiles; ++i) inhibitor(std::to_string(i) + ".ref", "");
     (void)mask(7);
-    EXPECT_EQ(assertions_.refusedFiles(), 1u);
+    EXPECT_EQ(assertions_.refusedFiles(), 1u) << "both dots of the folder count";
+}
+
+TEST_F(AssertionFolders, ThousandsOfEntriesOfOthersAreNotOpened) {
+    entry("7", "7 100 0x1\n");
+    for (int pid = 1000; pid < 5000; ++pid) entry(std::to_string(pid), "damaged");
+    EXPECT_EQ(mask(7), 1u);
+    EXPECT_EQ(assertions_.staleEntries(), 4000u);
+    EXPECT_EQ(assertions_.refusedFiles(), 0u);
+}
+
+TEST_F(AssertionFolders, AHugeOrUnreadableFileIsRefused) {
+    entry("7", "7 100 0x1\n");
+    std::filesystem::resize_file(folder_.path("registry/7"), std::uintmax_t{1} << 40);
+    entry("9", "");
+    EXPECT_EQ(mask(7), 0u) << "what is behind the first bytes counts";
+    EXPECT_EQ(assertions_.refusedFiles(), 2u);
 }
 
 TEST(AssertionFoldersMissing, AreNoAssertions) {
     ProcessAssertions assertions({.inhibitors = "/nonexistent/a", .registry = "/nonexistent/b"});
-    assertions.read([](std::int32_t) { return std::optional<std::uint64_t>(0); });
+    assertions.read({}, [](std::int32_t) { return std::optional<std::uint64_t>(0); });
     EXPECT_EQ(assertions.maskOf(1), 0u);
     EXPECT_EQ(assertions.refusedFiles(), 0u);
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -122,6 +123,25 @@ TEST_F(ScriptedProc, AProcessThatDiesWhileItIsReadIsLeftOut) {
     process(8, "10 8 2 0 0 0 0", "");
     std::filesystem::create_directories(folder_.path("9"));
     EXPECT_THAT(pids(), ElementsAre(7));
+}
+
+// A folder in a file's place can be opened and not read.
+TEST_F(ScriptedProc, AProcessWhoseFilesCannotBeReadKeepsItsRecord) {
+    for (const char* name : {"7/statm", "7/oom_score_adj"}) std::filesystem::create_directories(folder_.path(name));
+    std::filesystem::create_symlink("/bin/app", folder_.path("7/exe"));
+    const auto list = memory_.priorityList();
+    ASSERT_TRUE(list);
+    ASSERT_EQ(list->size(), 1u);
+    EXPECT_EQ((*list)[0].pid, 7);
+    EXPECT_EQ((*list)[0].priority, 0);
+    EXPECT_EQ(*memory_.physicalFootprint(7), 0u);
+    EXPECT_EQ(*memory_.executablePath(7), "/bin/app");
+}
+
+TEST_F(ScriptedProc, AKernelThreadWhoseFilesCannotBeReadIsNotListed) {
+    std::filesystem::create_directories(folder_.path("8/statm"));
+    write("8/oom_score_adj", "0\n");
+    EXPECT_THAT(pids(), IsEmpty());
 }
 
 TEST_F(ScriptedProc, WithoutTheFolderTheListFails) {
@@ -258,6 +278,44 @@ TEST(RealProcessMemory, AChildThatEndedHasNoPathAndIsNotListed) {
     EXPECT_EQ(std::ranges::count(*list, child, &MemoryPriority::pid), 0);
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
     EXPECT_EQ(memory.executablePath(child).error().value, ESRCH);
+}
+
+// Gives all descriptors back at its end.
+class NoDescriptorsLeft {
+public:
+    NoDescriptorsLeft() {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const int lowest = dup(0);
+        close(lowest);
+        const rlimit none{static_cast<rlim_t>(lowest), before_.rlim_max};
+        if (lowest < 0 || setrlimit(RLIMIT_NOFILE, &none) != 0) std::abort();
+    }
+    ~NoDescriptorsLeft() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
+    NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
+
+private:
+    rlimit before_{};
+};
+
+TEST(RealProcessMemory, WithoutDescriptorsEveryProcessKeepsItsNameAndNoKernelThreadIsListed) {
+    LinuxProcessMemory memory;
+    ASSERT_TRUE(memory.priorityList());
+    std::set<std::int32_t> processes;
+    {
+        const NoDescriptorsLeft none;
+        const auto list = memory.priorityList();
+        ASSERT_TRUE(list);
+        for (const MemoryPriority& entry : *list) processes.insert(entry.pid);
+        EXPECT_EQ(*memory.physicalFootprint(getpid()), 0u);
+        EXPECT_TRUE(memory.executablePath(getpid()));
+    }
+    EXPECT_TRUE(processes.contains(getpid()));
+    const auto living = livingProcesses();
+    for (const std::int32_t pid : processes) {
+        const auto text = readTextFile("/proc/" + std::to_string(pid) + "/stat", 4096);
+        EXPECT_TRUE(living.contains(pid) || !text) << *text;
+    }
 }
 
 TEST(RealProcessMemory, ReadsTheCurrentPriority) {
