@@ -182,6 +182,8 @@ TEST_F(MemoryReport, AGoneProcessHasNoNameAndALivingOneWithoutAPathItsPid) {
 TEST_F(MemoryReport, NamesAreWrittenAsTheyAre) {
     EXPECT_EQ(nameOfPath("/bin/say \"hi\"\n\x01\\"), "say \"hi\"\n\x01\\");
     EXPECT_EQ(nameOfPath("/bin/Grüße"), "Grüße");
+    EXPECT_EQ(nameOfPath("/bin/%s%n%@%%"), "%s%n%@%%");
+    EXPECT_EQ(nameOfPath("/bin/" + std::string(4096, 'n')), std::string(4096, 'n'));
     device.kernelMemory.memory.zones = {{"a\"b\n\xff", 4096}};
     EXPECT_EQ(zones(), "{ \"Name\" : \"a\"b\n\xff\", \"Pages\" : 1 }");
 }
@@ -207,6 +209,8 @@ TEST_F(MemoryReport, AFootprintIsWholePages) {
     EXPECT_EQ(pages(4095), "0");
     EXPECT_EQ(pages(4096), "1");
     EXPECT_EQ(pages(8191), "1");
+    EXPECT_EQ(pages(std::uint64_t{4096} * 0x7fffffff), "2147483647");
+    EXPECT_EQ(pages(std::uint64_t{4096} * 0x80000000), "-2147483648") << "8 TiB: the text has 32 bits for it";
     device.host.pageBytes = 0;
     EXPECT_EQ(pages(4096), "0");
 }

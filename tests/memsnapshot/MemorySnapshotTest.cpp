@@ -229,6 +229,35 @@ TEST_F(MemorySnapshot, OneIsWrittenEveryIntervalUnderItsOwnName) {
     EXPECT_EQ(reports().size(), 2u);
 }
 
+TEST_F(MemorySnapshot, TheWallClockNamesThemAndNeverSaysWhenTheyAreDue) {
+    const auto step = [this](std::chrono::hours by) { device.scheduler.setWallClock(device.scheduler.wallNow() + by); };
+    step(-std::chrono::hours(1));
+    advanceMs(3'599'999);
+    EXPECT_THAT(reports(), IsEmpty());
+    advanceMs(1);
+    EXPECT_THAT(reports(), ElementsAre(kName)) << "an hour on from an hour back";
+    step(-std::chrono::hours(1));
+    advanceMs(3'600'000);
+    EXPECT_THAT(reports(), ElementsAre(kName)) << "the second one has replaced the first";
+    step(std::chrono::hours(24 * 365));
+    EXPECT_EQ(reports().size(), 1u);
+}
+
+TEST_F(MemorySnapshot, SwitchedOffAndOnTheIntervalBeginsAnew) {
+    prefer("QuorvixEnabled", true);  // without anything on the daemon would end
+    advanceMs(3'000'000);
+    for (int i = 0; i < 100; ++i) {
+        prefer("QuorvixEnableMemoryLogging", false);
+        refresh();
+        prefer("QuorvixEnableMemoryLogging", true);
+        refresh();
+    }
+    advanceMs(3'599'999);
+    EXPECT_THAT(reports(), IsEmpty());
+    advanceMs(1);
+    EXPECT_EQ(reports().size(), 1u);
+}
+
 TEST_F(MemorySnapshot, TheDaemonGoesOnAfterAFailure) {
     device.files.faults.failNext("createNewFile", ErrorCode{ENOSPC});
     advanceMs(3'600'000);
