@@ -26,7 +26,7 @@ Result<void> writeFile(const FileLocation& file, int descriptor, std::string_vie
     auto written = files.write(descriptor, text);
     const auto closed = files.closeChecked(descriptor);
     if (written && !closed) written = closed.error();
-    // Ignored: the folder is emptied before the daemon starts, and the name is stamped with the time.
+    // Ignored: what can't be removed now goes before the next start, and the name is stamped with the time.
     if (!written) (void)files.unlinkFile(file);
     return written;
 }

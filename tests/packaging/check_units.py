@@ -67,9 +67,26 @@ class Units(unittest.TestCase):
         reports = self.root / "var/root/Library/Caches/quorvixd"
         (reports / "tmp/half").write_text("")
         (reports / "spool/whole").write_text("")
-        self.tmpfiles("--remove", "--create", "--prefix=/var/root/Library/Caches/quorvixd/tmp")
+        self.before_a_start()
         self.assertEqual(list((reports / "tmp").iterdir()), [])
         self.assertTrue((reports / "spool/whole").exists())
+
+    @unittest.skipUnless(shutil.which("systemd-tmpfiles") and os.geteuid() == 0, "needs systemd-tmpfiles and root")
+    def test_what_a_cut_off_memory_snapshot_left_goes_before_a_start_and_reports_stay(self):
+        self.tmpfiles("--create")
+        name = "memory-snapshot-2026-01-15-120000.ips"
+        left = [self.root / f"var/root/Library/Caches/quorvixd/{name}", self.root / f"Library/Logs/Faultbox/.{name}"]
+        kept = [self.root / f"Library/Logs/Faultbox/{name}", self.root / "Library/Logs/Faultbox/.other"]
+        for path in left + kept:
+            path.write_text("")
+        self.before_a_start()
+        self.assertEqual([path.exists() for path in left + kept], [False, False, True, True])
+
+    def before_a_start(self):
+        """What the unit runs, with the root and the list of this test."""
+        (command,) = lines_of("quorvixd.service", "ExecStartPre")
+        self.assertTrue(command.startswith("+/usr/bin/systemd-tmpfiles "), command)
+        self.tmpfiles(*command.split()[1:])
 
     def tmpfiles(self, *arguments):
         result = subprocess.run(["systemd-tmpfiles", f"--root={self.root}", *arguments, TMPFILES], capture_output=True,
