@@ -348,3 +348,56 @@ class Work(UnitTest):
             return [row for table in tables for row in store.execute(f'SELECT * FROM "{table}"') if "quorvix_poll_app" in str(row)]
         finally:
             store.close()
+
+
+class MemorySnapshots(UnitTest):
+    REPORTS = "/Library/Logs/Faultbox"
+
+    def setUp(self):
+        super().setUp()
+        for report in self.reports():
+            report.unlink()
+
+    def reports(self):
+        return sorted(MACHINE.path(self.REPORTS).iterdir())
+
+    def switch_snapshots_on(self):
+        ctl("prefs", "set", "QuorvixMemoryLoggingInterval", "1")
+        ctl("prefs", "set", "QuorvixEnableMemoryLogging", "true")
+        return self.wait_up()
+
+    def test_a_report_is_complete_although_its_folders_are_different_mounts(self):
+        shown = self.switch_snapshots_on()
+        mounts = {line.split()[4] for line in MACHINE.must("cat", f"/proc/{shown['MainPID']}/mountinfo").splitlines()}
+        self.assertLessEqual({"/var/root/Library/Caches", self.REPORTS}, mounts)
+        wait_until(lambda: len(self.reports()) > 1, 15, "two reports")
+        MACHINE.must("systemctl", "stop", SERVICE)
+        report = self.reports()[0]
+        self.assertRegex(report.name, r"^memory-snapshot-\d{4}-\d\d-\d\d-\d{6}\.ips$")
+        self.assertEqual(mode(f"{self.REPORTS}/{report.name}"), "-rw-r--r-- root")
+        text = report.read_text()
+        self.assertTrue(text.startswith('{"bug_type":"152","os_version":"Debian GNU/Linux 12 (???)"}\n'), text[:100])
+        self.assertTrue(text.endswith(" }]\n}\n"), text[-100:])
+        for part in ('{"ProcessName":"quorvixd", ', '{"ProcessName":"systemd", ', '{ "Name" : "dentry", ',
+                     '{ "VM_KERN_MEMORY_STACK" : '):
+            self.assertIn(part, text)
+        # Everything that it may know, it knows: other users' programs, and functions of the kernel.
+        self.assertNotIn("No_Name", text)
+        self.assertNotIn('{ "site 0x', text)
+        self.assertRegex(text, r'\{ "[a-z_.0-9]+" : \d+ \}')
+        self.assertEqual([path.name for path in MACHINE.path(CACHES).iterdir() if path.is_file()], [])
+        self.assertEqual(journal("SYSLOG_IDENTIFIER=quorvixd", "PRIORITY=5", since=self.before), [])
+
+    def test_what_a_cut_off_snapshot_left_goes_at_the_next_start(self):
+        name = "memory-snapshot-2026-01-15-120000.ips"
+        left = [MACHINE.path(f"{CACHES}/{name}"), MACHINE.path(f"{self.REPORTS}/.{name}")]
+        for path in left:
+            path.write_text("half")
+        self.switch_snapshots_on()
+        self.assertEqual([path.exists() for path in left], [False, False])
+
+    def test_a_missing_report_folder_is_made_before_the_start(self):
+        MACHINE.path(self.REPORTS).rmdir()
+        self.switch_snapshots_on()
+        self.assertEqual(mode(self.REPORTS), "drwx------ root")
+        wait_until(self.reports, 15, "a report")
