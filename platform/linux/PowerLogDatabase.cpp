@@ -17,6 +17,10 @@ namespace {
 constexpr std::int64_t kSecondsPerHour = 3600;
 // Room is made in steps of this part of the bound, so that it is not made for every activation.
 constexpr std::int64_t kPartsOfRoom = 16;
+// Nothing is dropped for its age unless something was stored between these two ages: a clock that jumped ahead has to
+// stay there for a day before anything is lost to it.
+constexpr std::int64_t kClockBelievedAfter = 24 * kSecondsPerHour;
+constexpr std::int64_t kClockBelievedFor = 7 * kClockBelievedAfter;
 
 // False: a value that the column does not take.
 bool bindValue(SqliteStatement& statement, int parameter, PowerLogColumnKind kind, const PowerLogValue& value) {
@@ -135,15 +139,26 @@ void PowerLogDatabase::openIfNeeded() {
     inserts_.reset();
     database_.reset();
     connect();
-    if (database_->number("PRAGMA user_version") > kPowerLogSchemaVersion) {
+    const std::int64_t version = database_->number("PRAGMA user_version");
+    if (version != 0 && version != kPowerLogSchemaVersion) {
         database_.reset();
         moveAside(".newer");
         connect();
     }
     if (database_->text("PRAGMA quick_check(1)") != "ok") throw SqliteError(SQLITE_CORRUPT, "the power log is damaged");
     if (database_->number("PRAGMA user_version") == 0) database_->execute(powerLogSchemaSql().c_str());
-    inserts_ = std::make_unique<Inserts>(*database_);
+    prepareInserts();
     agedInHour_ = -1;
+}
+
+// A table or column that is missing from a file of our version never comes back: the file is damaged.
+void PowerLogDatabase::prepareInserts() {
+    try {
+        inserts_ = std::make_unique<Inserts>(*database_);
+    } catch (const SqliteError& error) {
+        if (error.code() == SQLITE_ERROR) throw SqliteError(SQLITE_CORRUPT, error.what());
+        throw;
+    }
 }
 
 void PowerLogDatabase::connect() {
@@ -198,6 +213,11 @@ void PowerLogDatabase::store(const PowerLogActivation& activation, std::int64_t 
     agedInHour_ = seconds / kSecondsPerHour;
 }
 
+bool PowerLogDatabase::clockIsBelieved(std::int64_t seconds) {
+    SqliteStatement lately(*database_, "SELECT 1 FROM ActivationData WHERE StoredAt BETWEEN ?1 AND ?2 LIMIT 1");
+    return lately.bind(1, seconds - kClockBelievedFor).bind(2, seconds - kClockBelievedAfter).step();
+}
+
 std::int64_t PowerLogDatabase::usedBytes() {
     return (database_->number("PRAGMA page_count") - database_->number("PRAGMA freelist_count")) *
            database_->number("PRAGMA page_size");
@@ -206,7 +226,7 @@ std::int64_t PowerLogDatabase::usedBytes() {
 // Within the transaction: what is dropped comes back when the activation that needs the room can't be stored.
 void PowerLogDatabase::makeRoom(std::int64_t seconds, Counts& counts) {
     std::uint64_t dropped = 0;
-    if (agedInHour_ != seconds / kSecondsPerHour) {
+    if (agedInHour_ != seconds / kSecondsPerHour && clockIsBelieved(seconds)) {
         SqliteStatement drop(*database_, "DELETE FROM ActivationData WHERE StoredAt < ?1");
         drop.bind(1, seconds - limits_.age.count()).run();
         dropped = static_cast<std::uint64_t>(database_->number("SELECT changes()"));

@@ -32,7 +32,7 @@ struct PowerLogActivation {
 
 // The power log on disk: <folder>/wattrel.db, mode 0600, described in docs/power-log.md. Opened at the first write and
 // again after every failure. An activation is one transaction: all of its rows are stored or none, also when the
-// process is killed within. The oldest activations make room for new ones. A damaged file, or one of a later version,
+// process is killed within. The oldest activations make room for new ones. A damaged file, or one of another version,
 // is moved aside, never deleted, and a new one begun. One thread at a time; no exception leaves it.
 class PowerLogDatabase {
 public:
@@ -59,10 +59,13 @@ private:
 
     void openIfNeeded();
     void connect();
+    void prepareInserts();
     void moveAside(const char* suffix);
     void checkJournal();
     void store(const PowerLogActivation& activation, std::int64_t seconds, Counts& counts);
     void makeRoom(std::int64_t seconds, Counts& counts);
+    // Whether the clock that reads so many seconds since 1970 has stood there for a while.
+    bool clockIsBelieved(std::int64_t seconds);
     std::int64_t usedBytes();
     void dropNames();
 

@@ -46,31 +46,34 @@ protected:
 TEST_F(PowerLogDatabaseTest, DropsActivationsOlderThanNinetyDays) {
     EXPECT_EQ(write({.bundleID = "old"}), std::nullopt);
     EXPECT_EQ(write({.bundleID = "kept"}, kStart + hours(1)), std::nullopt);
+    EXPECT_EQ(write({.bundleID = "lately"}, kStart + kNinetyDays - hours(48)), std::nullopt);
     EXPECT_EQ(write({.bundleID = "onTime"}, kStart + kNinetyDays), std::nullopt);
-    EXPECT_EQ(activations(), 3);
+    EXPECT_EQ(activations(), 4);
     EXPECT_EQ(write({.bundleID = "late"}, kStart + kNinetyDays + hours(1)), std::nullopt);
-    EXPECT_EQ(activations(), 3);
+    EXPECT_EQ(activations(), 4);
     EXPECT_EQ(number("SELECT count(*) FROM ActivationData WHERE BundleID = 'old'"), 0);
     EXPECT_EQ(database_.counts().agedActivations, 1u);
 }
 
 TEST_F(PowerLogDatabaseTest, RowsGoWithTheirActivation) {
     EXPECT_EQ(write(), std::nullopt);
+    EXPECT_EQ(write({}, kStart + kNinetyDays - hours(48)), std::nullopt);
     EXPECT_EQ(write({}, kStart + kNinetyDays + hours(2)), std::nullopt);
-    EXPECT_EQ(number("SELECT count(DISTINCT Activation) FROM CPUStatistics"), 1);
-    EXPECT_EQ(number("SELECT count(DISTINCT Activation) FROM MemoryStatistics"), 1);
-    EXPECT_EQ(number("SELECT count(DISTINCT Activation) FROM ProcessData"), 1);
+    EXPECT_EQ(number("SELECT count(DISTINCT Activation) FROM CPUStatistics"), 2);
+    EXPECT_EQ(number("SELECT count(DISTINCT Activation) FROM MemoryStatistics"), 2);
+    EXPECT_EQ(number("SELECT count(DISTINCT Activation) FROM ProcessData"), 2);
 }
 
 TEST_F(PowerLogDatabaseTest, ANameStaysWhileLaterActivationsReferToIt) {
     EXPECT_EQ(write(), std::nullopt);
     PowerLogActivation nameless = activationOf({});
     nameless.events[1] = PowerLogDictionary();
-    EXPECT_EQ(database_.write(nameless, kStart + hours(1)), std::nullopt);
+    EXPECT_EQ(database_.write(nameless, kStart + kNinetyDays - hours(48)), std::nullopt);
     EXPECT_EQ(database_.write(nameless, kStart + kNinetyDays + milliseconds(1500)), std::nullopt);
     EXPECT_EQ(activations(), 2);
     EXPECT_EQ(number("SELECT count(*) FROM CPUByActivation WHERE ProcessName = 'process1'"), 2);
     EXPECT_EQ(write({.processes = 0}, kStart + 3 * kNinetyDays), std::nullopt);
+    EXPECT_EQ(write({.processes = 0}, kStart + 3 * kNinetyDays + hours(24)), std::nullopt);
     EXPECT_EQ(number("SELECT count(*) FROM ProcessData"), 0);
 }
 
@@ -78,6 +81,41 @@ TEST_F(PowerLogDatabaseTest, AClockThatStepsBackDropsNothing) {
     EXPECT_EQ(write(), std::nullopt);
     EXPECT_EQ(write({}, WallTime{seconds(0)}), std::nullopt);
     EXPECT_EQ(activations(), 2);
+}
+
+TEST_F(PowerLogDatabaseTest, AClockThatJumpsAheadDropsNothingForADay) {
+    constexpr WallTime kWrong = kStart + hours(24) * 3650;
+    for (int day = 0; day < 5; ++day) EXPECT_EQ(write({}, kStart + hours(24) * day), std::nullopt);
+    EXPECT_EQ(write({}, kWrong), std::nullopt);
+    EXPECT_EQ(write({}, kWrong + hours(24) - seconds(1)), std::nullopt);
+    PowerLogDatabase reopened(folder_.path(), {});
+    EXPECT_EQ(reopened.write(activationOf({}), kWrong + hours(23)), std::nullopt);
+    // Set right again.
+    EXPECT_EQ(write({}, kStart + hours(24) * 5), std::nullopt);
+    EXPECT_EQ(activations(), 9);
+    EXPECT_EQ(database_.counts().agedActivations, 0u);
+}
+
+TEST_F(PowerLogDatabaseTest, AClockThatStaysAheadForADayIsBelieved) {
+    constexpr WallTime kLater = kStart + hours(24) * 3650;
+    EXPECT_EQ(write(), std::nullopt);
+    EXPECT_EQ(write({}, kLater), std::nullopt);
+    EXPECT_EQ(activations(), 2);
+    EXPECT_EQ(write({}, kLater + hours(24)), std::nullopt);
+    EXPECT_EQ(activations(), 2);
+    EXPECT_EQ(database_.counts().agedActivations, 1u);
+}
+
+TEST_F(PowerLogDatabaseTest, WhatWasStoredLongerThanAWeekAgoSaysNothingOfTheClock) {
+    constexpr auto kWeek = hours(24) * 7;
+    for (const seconds since : {seconds(kWeek) + seconds(1), seconds(kWeek)}) {
+        tests::TemporaryFolder folder;
+        PowerLogDatabase database(folder.path(), {});
+        for (const WallTime now : {kStart, kStart + kNinetyDays + hours(1) - since, kStart + kNinetyDays + hours(1)}) {
+            EXPECT_EQ(database.write(activationOf({}), now), std::nullopt);
+        }
+        EXPECT_EQ(database.counts().agedActivations, since == kWeek ? 1u : 0u);
+    }
 }
 
 TEST_F(PowerLogDatabaseTest, TheOldestMakeRoomAndTheFileStaysInItsBound) {
@@ -166,6 +204,32 @@ TEST_F(PowerLogDatabaseTest, MovesAFileOfALaterVersionAside) {
     EXPECT_EQ(later.write(activationOf({.bundleID = "new"}), kStart), std::nullopt);
     EXPECT_EQ(activations(), 1);
     EXPECT_EQ(SqliteDatabase(path(".newer-1")).text("SELECT BundleID FROM ActivationData"), "old");
+}
+
+TEST_F(PowerLogDatabaseTest, MovesAFileOfAnImpossibleVersionAside) {
+    EXPECT_EQ(write({.bundleID = "old"}), std::nullopt);
+    SqliteDatabase(path()).execute("PRAGMA user_version = -1");
+    PowerLogDatabase later(folder_.path(), {});
+    EXPECT_EQ(later.write(activationOf({.bundleID = "new"}), kStart), std::nullopt);
+    EXPECT_EQ(SqliteDatabase(path(".newer-1")).text("SELECT BundleID FROM ActivationData"), "old");
+}
+
+TEST_F(PowerLogDatabaseTest, MovesAFileThatLacksATableAside) {
+    EXPECT_EQ(write({.bundleID = "old"}), std::nullopt);
+    SqliteDatabase(path()).execute("DROP TABLE MemoryStatistics");
+    // Its own statements fail; the file is looked at when it is opened again.
+    EXPECT_NE(write(), std::nullopt);
+    EXPECT_EQ(write({.bundleID = "new"}), std::nullopt);
+    EXPECT_EQ(activations(), 1);
+    EXPECT_EQ(SqliteDatabase(path(".damaged-1")).text("SELECT BundleID FROM ActivationData"), "old");
+}
+
+TEST_F(PowerLogDatabaseTest, MovesAFileThatLacksAColumnAside) {
+    EXPECT_EQ(write({.bundleID = "old"}), std::nullopt);
+    SqliteDatabase(path()).execute("DROP VIEW IOByActivation; ALTER TABLE MemoryStatistics DROP COLUMN SwapOuts");
+    PowerLogDatabase later(folder_.path(), {});
+    EXPECT_EQ(later.write(activationOf({.bundleID = "new"}), kStart), std::nullopt);
+    EXPECT_TRUE(std::filesystem::exists(path(".damaged-1")));
 }
 
 TEST_F(PowerLogDatabaseTest, BeginsANewFileWhenItsOwnIsTakenAway) {
