@@ -5,10 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ostream>
 
 #include "activation/AppActivation.h"
+#include "ctl/PreferenceText.h"
 #include "platform/Platform.h"
 #include "platform/linux/Clocks.h"
 #include "platform/linux/CounterStore.h"
@@ -34,6 +36,7 @@
 #include "platform/linux/Signposts.h"
 #include "platform/linux/StateService.h"
 #include "platform/linux/SystemInformation.h"
+#include "platform/linux/Utf8.h"
 #include "platform/linux/WallClock.h"
 
 namespace quorvix::ctl {
@@ -41,6 +44,18 @@ namespace quorvix::ctl {
 namespace {
 
 constexpr std::string_view kOutputPrefix = "QXActivationStats: Output ";
+
+// The renderings hold the names of processes as they are; here they may meet a terminal. Their own lines stay lines.
+std::string forTerminal(std::string_view text) {
+    std::string shown;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find_first_of("\n\t"), text.size());
+        shown += printable(linuxos::withReplacementCharacters(text.substr(0, end)));
+        shown += text.substr(end, 1);
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return shown;
+}
 
 // The JSON rendering is a debug line of the log: here it is what was asked for. Default-level lines are for the
 // operator; the others are not shown. One for the process: the renderings keep hold of the first log they see.
@@ -55,9 +70,9 @@ public:
         return services_ && level != LogLevel::info;
     }
     void write(std::string_view, std::string_view, LogLevel level, std::string_view text) override {
-        if (level == LogLevel::standard) services_->error << "quorvixctl: " << text << "\n";
+        if (level == LogLevel::standard) services_->error << "quorvixctl: " << forTerminal(text) << "\n";
         if (level == LogLevel::debug && text.starts_with(kOutputPrefix)) {
-            services_->out << text.substr(kOutputPrefix.size());
+            services_->out << forTerminal(text.substr(kOutputPrefix.size()));
         }
     }
 
@@ -68,8 +83,8 @@ private:
 class RunConsole final : public Console {
 public:
     explicit RunConsole(const ToolServices& services) : services_(services) {}
-    void log(std::string_view text) override { services_.out << text; }
-    void print(std::string_view text) override { services_.out << text; }
+    void log(std::string_view text) override { services_.out << forTerminal(text); }
+    void print(std::string_view text) override { services_.out << forTerminal(text); }
 
 private:
     const ToolServices& services_;

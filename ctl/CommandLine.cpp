@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <ostream>
 
 #include "ctl/ActivationMessages.h"
@@ -255,7 +256,9 @@ private:
     }
 
     void addApp(CLI::App* command) {
-        command->add_option("--pid", pid_, "The app's process")->required()->check(CLI::PositiveNumber);
+        command->add_option("--pid", pid_, "The app's process")
+            ->required()
+            ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
         command->add_option("--bundle", value_, "The app's bundle identifier")->required();
         CLI::Option* foreground =
             command->add_flag("--foreground", isForeground_, "The app is in the foreground; the default");

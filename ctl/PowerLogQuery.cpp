@@ -1,5 +1,6 @@
 #include "ctl/PowerLogQuery.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,6 +80,11 @@ PowerLogQuery::PowerLogQuery(const std::string& path) {
     if (access(path.c_str(), R_OK) != 0) {
         if (errno == ENOENT) throw std::runtime_error("no activation was stored yet (there is no " + path + ")");
         throw std::runtime_error(path + ": " + ErrorCode{errno}.text());
+    }
+    // Opening a pipe would wait for its other end for ever.
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        throw std::runtime_error(path + " is no plain file");
     }
     database_ = std::make_unique<linuxos::SqliteDatabase>(path, linuxos::SqliteDatabase::kBusyTimeout,
                                                           linuxos::SqliteAccess::readOnly);

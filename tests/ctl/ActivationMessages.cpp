@@ -119,6 +119,8 @@ TEST_F(ActivationVerbs, RefusesWhatMakesNoSense) {
              {"activation", "begin", "--bundle", "b"},
              {"activation", "begin", "--pid", "1"},
              {"activation", "begin", "--pid", "0", "--bundle", "b"},
+             {"activation", "begin", "--pid", "-1", "--bundle", "b"},
+             {"activation", "begin", "--pid", "2147483648", "--bundle", "b"},
              {"activation", "begin", "--pid", "1", "--bundle", "b", "--launch", "--resume"},
              {"activation", "begin", "--pid", "1", "--bundle", "b", "--foreground", "--background"},
              {"activation", "end", "--pid", "1", "--bundle", "b", "--result", "256"},
@@ -140,6 +142,15 @@ TEST_F(ActivationVerbs, RunGivesTheJsonText) {
     EXPECT_EQ(tool.run({"activation", "run", "--json", "--", "true"}), ExitStatus::done);
     EXPECT_THAT(tool.out.str(), testing::StartsWith("\n{\n\"cpu_statistics\":\n["));
     EXPECT_THAT(tool.out.str(), HasSubstr("\"memory_statistics\":"));
+}
+
+TEST_F(ActivationVerbs, RunKeepsNamesFromTheTerminal) {
+    const std::string rename = "printf 'x\\033[2J\\377\\177' > /proc/$$/comm; true";
+    for (const char* form : {"--console", "--json"}) {
+        EXPECT_EQ(tool.run({"activation", "run", form, "--", "/bin/sh", "-c", rename}), ExitStatus::done);
+        EXPECT_THAT(tool.out.str(), HasSubstr("x?[2J\xef\xbf\xbd?"));
+        EXPECT_THAT(tool.out.str(), testing::Not(HasSubstr("\x1b")));
+    }
 }
 
 TEST_F(ActivationVerbs, RunSaysWhyACommandCouldNotStart) {

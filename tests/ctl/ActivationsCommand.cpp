@@ -1,6 +1,8 @@
 #include "ctl/ActivationsCommand.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -46,6 +48,16 @@ TEST_F(Activations, WhatIsNoStoreIsSaid) {
     tests::writeWholeFile(tool.services.powerLogPath, std::string(4096, 'x'));
     EXPECT_EQ(tool.run({"activations", "list"}), ExitStatus::failed);
     EXPECT_THAT(tool.error.str(), HasSubstr("not a database"));
+}
+
+TEST_F(Activations, WhatIsNoFileIsNotWaitedFor) {
+    ASSERT_EQ(mkfifo(tool.services.powerLogPath.c_str(), 0600), 0);
+    EXPECT_EQ(tool.run({"activations", "list"}), ExitStatus::failed);
+    EXPECT_THAT(tool.error.str(), HasSubstr("is no plain file"));
+    ASSERT_EQ(unlink(tool.services.powerLogPath.c_str()), 0);
+    ASSERT_EQ(mkdir(tool.services.powerLogPath.c_str(), 0700), 0);
+    EXPECT_EQ(tool.run({"activations", "list"}), ExitStatus::failed);
+    EXPECT_THAT(tool.error.str(), HasSubstr("is no plain file"));
 }
 
 TEST_F(Activations, ListShowsTheNewestFirst) {
