@@ -1,14 +1,11 @@
 #include "platform/linux/ProcessMemory.h"
 
 #include <fcntl.h>
-#include <limits.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 
 #include "platform/linux/ProcfsText.h"
 
@@ -99,26 +96,12 @@ std::optional<LinuxProcessMemory::Entry> LinuxProcessMemory::entryOf(std::int32_
 
 bool LinuxProcessMemory::hasExecutable(std::int32_t pid) {
     // Needs no descriptor, so that it works where there are none left.
-    const std::string path = std::to_string(pid) + "/exe";
-    return readlinkat(directory_.get(), path.c_str(), buffer_.data(), buffer_.size()) >= 0 ||
-           (errno != ENOENT && errno != ESRCH);
+    return !readLink(std::to_string(pid) + "/exe").empty() || couldNotBeRead();
 }
 
 int LinuxProcessMemory::listIds(int directory, std::vector<std::int32_t>& ids) {
     ids.clear();
-    for (;;) {
-        const long count = syscall(SYS_getdents64, directory, buffer_.data(), buffer_.size());
-        if (count < 0) return errno;
-        if (count == 0) return 0;
-        for (long at = 0; at < count;) {
-            const auto* const entry = reinterpret_cast<const dirent64*>(buffer_.data() + at);
-            at += entry->d_reclen;
-            const char* const end = entry->d_name + std::strlen(entry->d_name);
-            std::int32_t id = 0;
-            const auto [after, error] = std::from_chars(entry->d_name, end, id);
-            if (error == std::errc() && after == end && id > 0) ids.push_back(id);
-        }
-    }
+    return reader_.eachId(directory, [&ids](std::int32_t id, std::uint64_t) { ids.push_back(id); });
 }
 
 // Where nothing is swapped out, the shortest of the files tells all of the footprint.
@@ -162,13 +145,12 @@ Result<std::string> LinuxProcessMemory::executablePath(std::int32_t pid) {
     if (pid <= 0) return ErrorCode{ESRCH};
     if (const int error = openDirectory()) return ErrorCode{error};
     const std::string prefix = std::to_string(pid);
-    const ssize_t length = readlinkat(directory_.get(), (prefix + "/exe").c_str(), buffer_.data(), buffer_.size());
-    if (length >= 0) {
-        std::string_view path(buffer_.data(), static_cast<std::size_t>(length));
+    std::string_view path = readLink(prefix + "/exe");
+    if (reader_.error() == 0) {
         if (path.ends_with(kDeletedMark)) path.remove_suffix(kDeletedMark.size());
         return std::string(path);
     }
-    if (errno != ENOENT) return ErrorCode{errno};
+    if (reader_.error() != ENOENT) return ErrorCode{reader_.error()};
     // Either there is no process, or it is there and has no executable.
     if (hasEnded(readFile(prefix + "/stat"))) return ErrorCode{ESRCH};
     return std::string();
@@ -178,15 +160,6 @@ Result<std::uint64_t> LinuxProcessMemory::physicalFootprint(std::int32_t pid) {
     const auto found = std::ranges::lower_bound(footprints_, pid, {}, &Footprint::pid);
     if (found == footprints_.end() || found->pid != pid) return ErrorCode{ESRCH};
     return found->bytes;
-}
-
-std::string_view LinuxProcessMemory::readFile(const std::string& path) {
-    readError_ = 0;
-    const Descriptor file(openat(directory_.get(), path.c_str(), O_RDONLY | O_CLOEXEC));
-    const ssize_t count = file ? ::read(file.get(), buffer_.data(), buffer_.size()) : -1;
-    if (count < 0) readError_ = errno;
-    if (count <= 0) return {};
-    return {buffer_.data(), static_cast<std::size_t>(count)};
 }
 
 JsonObject LinuxProcessMemory::selfCounters() const {

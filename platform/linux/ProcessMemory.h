@@ -1,8 +1,5 @@
 #pragma once
 
-#include <dirent.h>
-
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <optional>
@@ -14,6 +11,7 @@
 #include "platform/KernelMemory.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/ProcessAssertions.h"
+#include "platform/linux/ProcfsReader.h"
 
 namespace quorvix::linuxos {
 
@@ -69,9 +67,13 @@ private:
     // The same from a thread that still runs, where the first one has ended.
     std::optional<std::uint64_t> footprintOfThreads(std::int32_t pid);
     std::optional<std::uint64_t> startOf(std::int32_t pid);
-    // Valid until the next call; empty when it can't be read, and readError_ says why.
-    std::string_view readFile(const std::string& path);
-    bool couldNotBeRead() const { return readError_ != 0 && readError_ != ENOENT && readError_ != ESRCH; }
+    // Valid until the next call; empty when it can't be read.
+    std::string_view readFile(const std::string& path) { return reader_.file(directory_.get(), path.c_str()); }
+    std::string_view readLink(const std::string& path) { return reader_.link(directory_.get(), path.c_str()); }
+    // The last one, for another reason than that its process is gone.
+    bool couldNotBeRead() const {
+        return reader_.error() != 0 && reader_.error() != ENOENT && reader_.error() != ESRCH;
+    }
 
     const Places places_;
     ProcessAssertions assertions_;
@@ -80,10 +82,9 @@ private:
     std::vector<std::int32_t> threads_;
     std::vector<Footprint> footprints_;  // in the order of their pids
     bool swapIsUsed_ = false;
-    int readError_ = 0;
     std::uint64_t lists_ = 0;
     std::uint64_t unreadable_ = 0;
-    alignas(dirent64) std::array<char, 32768> buffer_;
+    ProcfsReader reader_;
 };
 
 }  // namespace quorvix::linuxos
