@@ -92,38 +92,60 @@ void AppActivationTracker::setupMidnightTimer() {
 
 // Queues a begin or end for activationQueue, unless clients have queued too much already.
 template <class Step>
-void AppActivationTracker::queueStep(std::size_t bytes, Step step) {
-    if (waitingSteps_ >= kMaximumWaitingSteps || heldBytes_ + bytes > kMaximumHeldBytes) {
+void AppActivationTracker::queueStep(std::int32_t sender, std::size_t bytes, Step step) {
+    if (waitingSteps_ >= kMaximumWaitingSteps || heldBytes_ + bytes > kMaximumHeldBytes ||
+        !takeShare(sender, &SenderLoad::steps, kMaximumWaitingStepsOfSender)) {
         counters_.droppedSteps.add(1);
         return;
     }
     waitingSteps_.add(1);
     heldBytes_.add(bytes);
-    activationQueue->async([this, self = shared_from_this(), bytes, step = std::move(step)] {
+    activationQueue->async([this, self = shared_from_this(), sender, bytes, step = std::move(step)] {
+        giveShareBack(sender, &SenderLoad::steps);
         waitingSteps_.add(static_cast<std::uint32_t>(-1));
         heldBytes_.add(std::uint64_t{0} - bytes);
         step();
     });
 }
 
+bool AppActivationTracker::takeShare(std::int32_t sender, SenderCount count, std::uint32_t maximum) {
+    if (sender == kUnknownSender) return true;
+    const std::lock_guard lock(sendersMutex_);
+    SenderLoad& load = senders_[sender];
+    if (load.*count >= maximum) return false;
+    ++(load.*count);
+    return true;
+}
+
+void AppActivationTracker::giveShareBack(std::int32_t sender, SenderCount count) {
+    if (sender == kUnknownSender) return;
+    const std::lock_guard lock(sendersMutex_);
+    const auto found = senders_.find(sender);
+    --(found->second.*count);
+    if (found->second.steps == 0 && found->second.timeouts == 0) senders_.erase(found);
+}
+
 void AppActivationTracker::beginAppActivationTrackingForPID(std::int32_t pid, std::string bundleID, std::uint64_t time,
                                                             std::uint64_t vexStartTime, std::int32_t activationState,
-                                                            std::int32_t activationType) {
+                                                            std::int32_t activationType, std::int32_t sender) {
     const std::size_t bytes = bundleID.size();
-    queueStep(bytes, [this, step = Begin{pid, std::move(bundleID), time, vexStartTime, activationState,
-                                         activationType}] { begin(step); });
+    queueStep(sender, bytes,
+              [this, step = Begin{pid, std::move(bundleID), time, vexStartTime, activationState, activationType,
+                                  sender}] { begin(step); });
 }
 
 void AppActivationTracker::endAppActivationTrackingForPID(std::int32_t pid, std::string bundleID, std::uint64_t time,
-                                                          std::int32_t activationState, std::int32_t activationResult) {
+                                                          std::int32_t activationState, std::int32_t activationResult,
+                                                          std::int32_t sender) {
     const std::size_t bytes = bundleID.size();
-    queueStep(bytes,
+    queueStep(sender, bytes,
               [this, step = End{pid, std::move(bundleID), time, activationState, activationResult}] { end(step); });
 }
 
-bool AppActivationTracker::mayBegin() {
+// Takes the sender's share of a time-out where it says yes.
+bool AppActivationTracker::mayBegin(std::int32_t sender) {
     if (appActivationDictionary.size() < kMaximumOpenActivations && pendingTimeouts_ < kMaximumPendingTimeouts &&
-        heldBytes_ < kMaximumHeldBytes) {
+        heldBytes_ < kMaximumHeldBytes && takeShare(sender, &SenderLoad::timeouts, kMaximumPendingTimeoutsOfSender)) {
         return true;
     }
     counters_.droppedBegins.add(1);
@@ -137,11 +159,14 @@ void AppActivationTracker::begin(const Begin& begin) {
                               key);
         return;
     }
-    if (!mayBegin()) return;
+    if (!mayBegin(begin.sender)) return;
     const auto record = AppActivation::initWithStatisticsType(
         kAllStatistics, begin.pid, begin.bundleID, begin.time, begin.vexStartTime,
         static_cast<std::uint8_t>(begin.state), static_cast<std::uint8_t>(begin.type));
-    if (!record) return;
+    if (!record) {
+        giveShareBack(begin.sender, &SenderLoad::timeouts);
+        return;
+    }
     appActivationDictionary.emplace(key, record);
     counters_.openActivations = appActivationDictionary.size();
     if (begin.type == kTypeLaunch) {
@@ -154,6 +179,7 @@ void AppActivationTracker::begin(const Begin& begin) {
     heldBytes_.add(bytes);
     activationQueue->asyncAfter(kBeginTimeout, [this, self = shared_from_this(), key, begin, bytes] {
         --pendingTimeouts_;
+        giveShareBack(begin.sender, &SenderLoad::timeouts);
         heldBytes_.add(0 - bytes);
         timeOut(key, begin);
     });

@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "activation/AppActivation.h"
 #include "platform/Notifications.h"
@@ -26,6 +28,10 @@ public:
     static constexpr std::uint32_t kMaximumPendingTimeouts = 16384;
     // Begins and ends that wait for activationQueue.
     static constexpr std::uint32_t kMaximumWaitingSteps = 4096;
+    // Of these, what comes from one client process, so that one that floods leaves room for the others.
+    static constexpr std::uint32_t kMaximumWaitingStepsOfSender = kMaximumWaitingSteps / 8;
+    static constexpr std::uint32_t kMaximumPendingTimeoutsOfSender = kMaximumPendingTimeouts / 16;
+    static constexpr std::int32_t kUnknownSender = 0;  // has no such bounds
     // Finished activations that wait for the power log: as long as none has landed, the daily limit lets all pass.
     static constexpr std::uint32_t kMaximumWaitingOutputs = 1024;
     // Bytes of bundle identifiers held by all of these together.
@@ -45,12 +51,13 @@ public:
     AppActivationTracker& operator=(const AppActivationTracker&) = delete;
 
     // time, vexStartTime: milliseconds since 2001-01-01 00:00:00 UTC. activationState: 1 foreground, 0 background.
-    // activationType: 1 launch, else resume.
+    // activationType: 1 launch, else resume. sender: the process that sent the message.
     void beginAppActivationTrackingForPID(std::int32_t pid, std::string bundleID, std::uint64_t time,
                                           std::uint64_t vexStartTime, std::int32_t activationState,
-                                          std::int32_t activationType);
+                                          std::int32_t activationType, std::int32_t sender = kUnknownSender);
     void endAppActivationTrackingForPID(std::int32_t pid, std::string bundleID, std::uint64_t time,
-                                        std::int32_t activationState, std::int32_t activationResult);
+                                        std::int32_t activationState, std::int32_t activationResult,
+                                        std::int32_t sender = kUnknownSender);
 
     const Counters& counters() const { return counters_; }
 
@@ -62,6 +69,7 @@ private:
         std::uint64_t vexStartTime;
         std::int32_t state;
         std::int32_t type;
+        std::int32_t sender;
     };
     struct End {
         std::int32_t pid;
@@ -71,14 +79,24 @@ private:
         std::int32_t result;
     };
 
+    // What of one sender is held: steps that wait, time-outs that are armed.
+    struct SenderLoad {
+        std::uint32_t steps = 0;
+        std::uint32_t timeouts = 0;
+    };
+    using SenderCount = std::uint32_t SenderLoad::*;
+
     AppActivationTracker() = default;
     void init();
     void setupMidnightTimer();
     void handleFirstUnlock();
 
     template <class Step>
-    void queueStep(std::size_t bytes, Step step);
-    bool mayBegin();
+    void queueStep(std::int32_t sender, std::size_t bytes, Step step);
+    // Counts one more of the sender's, or says that it has its share already.
+    bool takeShare(std::int32_t sender, SenderCount count, std::uint32_t maximum);
+    void giveShareBack(std::int32_t sender, SenderCount count);
+    bool mayBegin(std::int32_t sender);
     void begin(const Begin& begin);
     void timeOut(const std::string& key, const Begin& begin);
     void end(const End& end);
@@ -100,6 +118,8 @@ private:
     Relaxed<std::uint32_t> waitingOutputs_{0};
     Relaxed<std::uint64_t> heldBytes_{0};
     std::uint32_t pendingTimeouts_ = 0;  // on activationQueue
+    std::mutex sendersMutex_;
+    std::unordered_map<std::int32_t, SenderLoad> senders_;  // those that hold anything
 };
 
 // The key of an open activation: "pid:bundle".

@@ -73,7 +73,7 @@ void recordDetectedHang(std::int32_t pid, const MessageDictionary& untrustedMess
     }
 }
 
-void beginActivation(const MessageDictionary& untrustedMessage) {
+void beginActivation(std::int32_t sender, const MessageDictionary& untrustedMessage) {
     quorvixLog().debug("QXActivationStats: Noting an app activation begin");
     const std::int32_t pid = low32(untrustedMessage.int64("pid"));
     const auto bundleID = untrustedMessage.string("bundle-id");
@@ -94,10 +94,10 @@ void beginActivation(const MessageDictionary& untrustedMessage) {
     quorvixLog().info("QXActivationStats: %s[%d] activation begin (%s)", *bundleID, pid,
                       type == kActivationTypeLaunch ? "launch" : "resume");
     AppActivationTracker::sharedInstance().beginAppActivationTrackingForPID(pid, std::string(*bundleID), startTime,
-                                                                            vexStartTime, state, type);
+                                                                            vexStartTime, state, type, sender);
 }
 
-void endActivation(const MessageDictionary& untrustedMessage) {
+void endActivation(std::int32_t sender, const MessageDictionary& untrustedMessage) {
     quorvixLog().debug("QXActivationStats: Noting an app activation end");
     const std::int32_t pid = low32(untrustedMessage.int64("pid"));
     const auto bundleID = untrustedMessage.string("bundle-id");
@@ -115,7 +115,7 @@ void endActivation(const MessageDictionary& untrustedMessage) {
     }
     quorvixLog().info("QXActivationStats: %s[%d] activation end", *bundleID, pid);
     AppActivationTracker::sharedInstance().endAppActivationTrackingForPID(pid, std::string(*bundleID), endTime, state,
-                                                                          result);
+                                                                          result, sender);
 }
 
 void beginFence(const MessageDictionary& untrustedMessage) {
@@ -207,8 +207,8 @@ void handleClientMessage(const std::shared_ptr<MessageConnection>& connection,
         case startWatching: startWatchingClient(pid, untrustedMessage); return;
         case stopWatching: QXProcessInfo::stopWatchingPid(pid); return;
         case hangDetected: recordDetectedHang(pid, untrustedMessage); return;
-        case activationBegin: beginActivation(untrustedMessage); return;
-        case activationEnd: endActivation(untrustedMessage); return;
+        case activationBegin: beginActivation(pid, untrustedMessage); return;
+        case activationEnd: endActivation(pid, untrustedMessage); return;
         case fenceBegin: beginFence(untrustedMessage); return;
         case fenceEnd: endFence(untrustedMessage); return;
         case fenceBlown: recordBlownFence(untrustedMessage); return;

@@ -112,6 +112,7 @@ protected:
         std::uint64_t vexStartTime = kNow;
         std::int32_t state = 1;
         std::int32_t type = 1;
+        std::int32_t sender = AppActivationTracker::kUnknownSender;
     };
     struct End {
         std::int32_t pid = kPid;
@@ -119,13 +120,14 @@ protected:
         std::uint64_t time = kNow;
         std::int32_t state = 1;
         std::int32_t result = 0;
+        std::int32_t sender = AppActivationTracker::kUnknownSender;
     };
     void queueBegin(const Begin& begin) {
         tracker().beginAppActivationTrackingForPID(begin.pid, begin.bundleID, begin.time, begin.vexStartTime,
-                                                   begin.state, begin.type);
+                                                   begin.state, begin.type, begin.sender);
     }
     void queueEnd(const End& end) {
-        tracker().endAppActivationTrackingForPID(end.pid, end.bundleID, end.time, end.state, end.result);
+        tracker().endAppActivationTrackingForPID(end.pid, end.bundleID, end.time, end.state, end.result, end.sender);
     }
     void begin() { begin(Begin{}); }
     void begin(const Begin& begin) {

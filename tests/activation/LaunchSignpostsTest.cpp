@@ -88,7 +88,7 @@ TEST_F(LaunchSignposts, TellWhatTheAppUsed) {
 TEST_F(LaunchSignposts, KilobytesAreThousandsCutFromTheSum) {
     begin();
     usageOfApp().diskBytesRead = 999;
-    usageOfApp().diskBytesWritten = 1000;
+    usageOfApp().diskBytesWritten = 1;
     end();
     EXPECT_EQ(events().back().number2, 1u);
 }
@@ -99,6 +99,16 @@ TEST_F(LaunchSignposts, TheSumsWrap) {
     usageOfApp().systemTime = 8;
     end();
     EXPECT_EQ(events().back().number1, 7u);
+}
+
+// Twice in the list of pids: alive and new in the difference, of which the heavier comes first.
+TEST_F(LaunchSignposts, TheFirstEntryOfThePidCounts) {
+    usageOfApp().userTime = 100;
+    begin();
+    device.processes.tasks.push_back(device.processes.tasks.back());
+    for (auto& task : device.processes.tasks) task.usage.userTime = 300;
+    end();
+    EXPECT_EQ(events().back().number1, 300u);
 }
 
 TEST_F(LaunchSignposts, AnAppThatDiedMeanwhileUsedNothing) {
@@ -214,6 +224,26 @@ TEST_F(LaunchSignposts, ALaunchThatIsGivenUpEndsPlainly) {
     advanceMs(60'000);
     EXPECT_THAT(events(), ElementsAre(beginOf(412), endOf(412, kEndFormat, 0, 0)));
     EXPECT_THAT(signpostLines(), IsEmpty());
+}
+
+// It is the open record's type that counts, not that of the begin whose time-out it is.
+TEST_F(LaunchSignposts, ALaunchThatAnOlderResumesTimeOutTakesEndsPlainly) {
+    begin({.type = 0});
+    end();
+    advanceMs(40'000);
+    begin({.time = kNow + 40'000, .vexStartTime = kNow + 40'000, .type = 1});
+    advanceMs(20'000);
+    EXPECT_EQ(events().back(), endOf(412, kEndFormat, 0, 0));
+}
+
+TEST_F(LaunchSignposts, AResumeThatAnOlderLaunchsTimeOutTakesEndsNothing) {
+    launch();
+    advanceMs(40'000);
+    begin({.time = kNow + 40'000, .vexStartTime = kNow + 40'000, .type = 0});
+    const auto before = events().size();
+    advanceMs(20'000);
+    EXPECT_EQ(open(), 0u);
+    EXPECT_EQ(events().size(), before);
 }
 
 TEST_F(LaunchSignposts, AResumeThatIsGivenUpEndsNothing) {

@@ -53,6 +53,50 @@ TEST_F(TrackerLimits, KeepsAtMost4096StepsWaiting) {
     EXPECT_EQ(counters().droppedSteps, 2u);
 }
 
+TEST_F(TrackerLimits, OneSenderHasAtMost512StepsWaiting) {
+    for (int i = 0; i < 512; ++i) queueEnd({.state = 0, .sender = 7});
+    EXPECT_EQ(counters().droppedSteps, 0u);
+    queueEnd({.state = 0, .sender = 7});
+    queueBegin({.sender = 7});
+    EXPECT_EQ(counters().droppedSteps, 2u);
+    queueBegin({.sender = 8});
+    queueEnd({.sender = 8});
+    device.scheduler.runPending();
+    EXPECT_EQ(counters().droppedSteps, 2u);
+    EXPECT_EQ(sentCount(), 1u);
+    for (int i = 0; i < 512; ++i) queueEnd({.state = 0, .sender = 7});
+    EXPECT_EQ(counters().droppedSteps, 2u);
+}
+
+TEST_F(TrackerLimits, OneSenderHasAtMost1024TimeOutsPending) {
+    for (std::int32_t pid = 1; pid <= 1024; ++pid) begin({.pid = pid, .bundleID = "b", .sender = 7});
+    EXPECT_EQ(open(), 1024u);
+    begin({.pid = 1025, .bundleID = "b", .sender = 7});
+    EXPECT_EQ(open(), 1024u);
+    EXPECT_EQ(counters().droppedBegins, 1u);
+    begin({.pid = 1025, .bundleID = "b", .sender = 8});
+    EXPECT_EQ(open(), 1025u);
+    // Ended, but their time-outs are still armed.
+    for (std::int32_t pid = 1; pid <= 1024; ++pid) end({.pid = pid, .bundleID = "b", .state = 0, .sender = 9});
+    begin({.bundleID = "b", .sender = 7});
+    EXPECT_EQ(open(), 1u);
+    EXPECT_EQ(counters().droppedBegins, 2u);
+    advanceMs(60'000);
+    begin({.bundleID = "b", .sender = 7});
+    EXPECT_EQ(open(), 1u);
+    EXPECT_EQ(counters().droppedBegins, 2u);
+}
+
+// The record of a begin that could not be made holds no share of its sender's.
+TEST_F(TrackerLimits, ASecondBeginOfAKeyTakesNoShare) {
+    begin({.sender = 7});
+    for (int i = 0; i < 2000; ++i) begin({.sender = 7});
+    EXPECT_EQ(counters().droppedBegins, 0u);
+    end({.sender = 7});
+    begin({.sender = 7});
+    EXPECT_EQ(open(), 1u);
+}
+
 TEST_F(TrackerLimits, HoldsAtMost8MiBOfWaitingIdentifiers) {
     const std::string bundleID(64 * 1024, 'x');
     for (int i = 0; i < 128; ++i) queueEnd({.bundleID = bundleID, .state = 0});
@@ -131,6 +175,27 @@ TEST_F(TrackerLimits, SnapshotsOfOpenActivationsStayBelow64MiB) {
     device.log.setEnabled(LogLevel::standard, false);
     advanceMs(60'000);
     EXPECT_EQ(perfState().memory.usedBytes(), 0u);
+}
+
+// What a rendering makes of two snapshots counts as well, so that it is refused where there is no room for it.
+TEST_F(TrackerLimits, TheDifferenceOfTwoSnapshotsCountsTowardsTheirMemory) {
+    device.processes.tasks.assign(100, {.pid = 1, .name = "x"});
+    constexpr std::size_t kSnapshot = 100 * sizeof(task_statistics);
+    // Two snapshots, their difference, and the positions that sort it.
+    constexpr std::size_t kNeeded = 4 * kSnapshot + 100 * 2 * sizeof(std::uint32_t);
+    device.log.setEnabled(LogLevel::standard, true);
+    for (const std::size_t maximum : {kNeeded, kNeeded - 1}) {
+        perfState().memory.setMaximumBytes(maximum);
+        begin({.bundleID = std::to_string(maximum)});
+        device.log.clear();
+        end({.bundleID = std::to_string(maximum)});
+        EXPECT_EQ(hasText("QXActivationStats: delta_cpu_statistics: Failed to allocate memory for tasks\n"),
+                  maximum != kNeeded);
+        EXPECT_EQ(perfState().memory.usedBytes(), 0u);
+    }
+    EXPECT_EQ(sentCount(), 2u);
+    EXPECT_EQ(sent("CPUStatistics").back(), "{}");
+    EXPECT_EQ(perfState().memory.refusals(), 1u);
 }
 
 }  // namespace

@@ -123,6 +123,12 @@ TEST_F(Snapshot, WithoutThePidsThemselvesHasNoProcesses) {
     EXPECT_THAT(lines(), ElementsAre("default: get_cpu_stats: Found no processes\n"));
 }
 
+TEST_F(Snapshot, OfPidsThatAreAllGoneMeanwhileHasNoProcesses) {
+    device.processes.faults.failNth("listAllPids", 2, {0});
+    EXPECT_FALSE(taken()->cpu_stats());
+    EXPECT_THAT(lines(), ElementsAre("default: get_cpu_stats: Found no processes\n"));
+}
+
 struct OutOfMemory {
     std::uint64_t allocation;
     const char* line;

@@ -127,6 +127,13 @@ TEST_F(PowerLogEvents, KeysAreThePlacesInTheOrderOfCPUUse) {
                          processEntry("i-1", uniqueID(-1, "OtherProcesses"), total(5), 0) + "}");
 }
 
+TEST_F(PowerLogEvents, ReportTheNewAndTheDeadHoweverLittleTheyUsed) {
+    send(1, {task(10, "dead"), task(11, "alive")}, {task(9, "new"), task(11, "alive")});
+    EXPECT_EQ(cpu(), "{" + processEntry("i0", uniqueID(9, "new"), total(0), 1) + ", " +
+                         processEntry("i1", uniqueID(10, "dead"), total(0), 2) + ", " +
+                         processEntry("i-1", uniqueID(-1, "OtherProcesses"), total(0), 0) + "}");
+}
+
 TEST_F(PowerLogEvents, TheThresholdIsThePreferences) {
     settings().cpuUtilizationThreshold = 0.5;
     send(1, {task(10, "a"), task(11, "b")}, {task(10, "a", 0), task(11, "b", 1)});
@@ -287,6 +294,12 @@ TEST_F(PowerLogEvents, NameProcessZeroButDoNotTrackIt) {
     send(1, {task(0, "kernel")}, {task(0, "kernel")});
     EXPECT_THAT(namesSent(), ElementsAre("OtherProcesses", "kernel", "kernel"));
     EXPECT_EQ(perfState().largestTrackedPid, -1);
+}
+
+TEST_F(PowerLogEvents, TrackTheLargestPidWhereverItStands) {
+    send(1, {task(412, "a"), task(900, "b"), task(500, "c")},
+         {task(412, "a", 1), task(900, "b", 80), task(500, "c", 2)});
+    EXPECT_EQ(perfState().largestTrackedPid, 900);
 }
 
 TEST_F(PowerLogEvents, KeepTheLargestPidWhereNoneIsNew) {

@@ -73,6 +73,9 @@ TEST_F(Delta, NegativePidsComeFirst) {
 
 TEST_F(Delta, TakesTheNameOfTheEnd) {
     EXPECT_THAT(deltaOf({{1, "old", 0}}, {{1, "new", 0}}), ElementsAre("1 new 0 0"));
+    // Any name but an empty one.
+    EXPECT_THAT(deltaOf({{1, "old", 0}}, {{1, " ", 0}}), ElementsAre("1   0 0"));
+    EXPECT_THAT(deltaOf({{1, "old", 0}}, {{1, "\xc3\xbc", 0}}), ElementsAre("1 \xc3\xbc 0 0"));
     EXPECT_THAT(lines(), IsEmpty());
 }
 
