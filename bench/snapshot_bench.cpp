@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,14 +14,16 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <thread>
+#include <string_view>
 #include <vector>
 
 #include "bench/AllocationCount.h"
 #include "bench/Bench.h"
+#include "bench/Sleepers.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/ProcessQueries.h"
 #include "platform/linux/ProcfsSource.h"
+#include "platform/linux/ProcfsText.h"
 #include "platform/linux/TaskIteratorSource.h"
 
 namespace quorvix {
@@ -32,34 +33,6 @@ using linuxos::Descriptor;
 
 constexpr int kProcesses = 1000;
 constexpr int kThreads = 4;
-
-// Processes that sleep, ended with the benchmark.
-class Sleepers {
-public:
-    Sleepers() {
-        for (int i = 0; i < kProcesses; ++i) {
-            const pid_t child = fork();
-            bench::require(child >= 0, "fork");
-            if (child == 0) {
-                for (int thread = 1; thread < kThreads; ++thread) {
-                    std::thread([] {
-                        for (;;) pause();
-                    }).detach();
-                }
-                for (;;) pause();
-            }
-            pids_.push_back(child);
-        }
-        usleep(500'000);  // until their threads exist
-    }
-    ~Sleepers() {
-        for (const pid_t pid : pids_) kill(pid, SIGKILL);
-        for (const pid_t pid : pids_) waitpid(pid, nullptr, 0);
-    }
-
-private:
-    std::vector<pid_t> pids_;
-};
 
 // What the daemon does for a snapshot.
 class Snapshot {
@@ -95,34 +68,79 @@ private:
     std::vector<Record> records_;
 };
 
-// The system calls that the procfs way can't do without, and nothing else.
+// The system calls that the procfs way can't do without, and nothing else. Of a process that has not run since the last
+// time only its sizes and its threads' scheduling; of one that has, the threads until all of its time is accounted for.
 class BareReads {
 public:
     void run() {
         lseek(proc_.get(), 0, SEEK_SET);
         list(proc_.get(), pids_);
+        std::size_t place = 0;
         for (const int pid : pids_) {
-            read(proc_.get(), pid, "stat");
-            (void)linuxos::ProcfsSource::kernelClock(pid);
-            read(proc_.get(), pid, "io");
-            read(proc_.get(), pid, "status");
-            char path[64];
-            std::snprintf(path, sizeof path, "%d/task", pid);
-            const Descriptor tasks(openat(proc_.get(), path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-            if (!tasks) continue;
-            list(tasks.get(), tids_);
-            if (tids_.size() == 1) {
-                read(proc_.get(), pid, "schedstat");
-                continue;
+            while (place < known_.size() && known_[place].pid < pid) ++place;
+            if (place == known_.size() || known_[place].pid != pid) {
+                known_.insert(known_.begin() + static_cast<std::ptrdiff_t>(place), Known{pid});
+                known_[place].isKernelThread = !hasSizes(pid);
             }
-            for (const int tid : tids_) {
-                read(tasks.get(), tid, "stat");
-                read(tasks.get(), tid, "schedstat");
-            }
+            read(known_[place]);
         }
     }
+    std::size_t readWhole() const { return readWhole_; }
 
 private:
+    struct Thread {
+        int tid;
+        std::uint64_t runtime;
+    };
+    struct Known {
+        int pid;
+        bool isKernelThread = false;
+        std::uint64_t clock = ~std::uint64_t{0};
+        std::vector<Thread> threads = {};
+    };
+
+    void read(Known& process) {
+        const std::uint64_t clock = linuxos::ProcfsSource::kernelClock(process.pid).value_or(0);
+        for (const Thread& thread : process.threads) (void)linuxos::ProcfsSource::kernelScheduling(thread.tid);
+        if (clock != process.clock) {
+            ++readWhole_;
+            read(proc_.get(), process.pid, "stat");
+            (void)linuxos::ProcfsSource::kernelClock(process.pid);
+            read(proc_.get(), process.pid, "io");
+            if (!readThreadsThatRan(process, clock - process.clock)) readThreads(process);
+            process.clock = clock;
+        }
+        if (!process.isKernelThread) read(proc_.get(), process.pid, "status");
+    }
+    bool readThreadsThatRan(Known& process, std::uint64_t left) {
+        for (Thread& thread : process.threads) {
+            const std::uint64_t runtime = runtimeOf(process.pid, thread.tid);
+            left -= runtime - thread.runtime;
+            thread.runtime = runtime;
+            if (left == 0) return true;
+        }
+        // That there is one thread only, the real thing knows from stat.
+        return process.threads.size() == 1;
+    }
+    void readThreads(Known& process) {
+        char path[64];
+        std::snprintf(path, sizeof path, "%d/task", process.pid);
+        const Descriptor tasks(openat(proc_.get(), path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!tasks) return;
+        list(tasks.get(), tids_);
+        process.threads.clear();
+        for (const int tid : tids_) process.threads.push_back({tid, runtimeOf(process.pid, tid)});
+    }
+    std::uint64_t runtimeOf(int pid, int tid) {
+        char file[64];
+        std::snprintf(file, sizeof file, "task/%d/schedstat", tid);
+        read(proc_.get(), pid, file);
+        return linuxos::parseSchedstat({buffer_.data(), length_}).value_or(0);
+    }
+    bool hasSizes(int pid) {
+        read(proc_.get(), pid, "status");
+        return std::string_view(buffer_.data(), length_).find("\nVmRSS:") != std::string_view::npos;
+    }
     void list(int directory, std::vector<int>& ids) {
         ids.clear();
         for (long count; (count = syscall(SYS_getdents64, directory, buffer_.data(), buffer_.size())) > 0;) {
@@ -137,17 +155,46 @@ private:
         }
     }
     void read(int directory, int id, const char* file) {
-        char path[64];
+        char path[96];
         std::snprintf(path, sizeof path, "%d/%s", id, file);
         const Descriptor opened(openat(directory, path, O_RDONLY | O_CLOEXEC));
-        if (opened) (void)!::read(opened.get(), buffer_.data(), buffer_.size());
+        const ssize_t length = opened ? ::read(opened.get(), buffer_.data(), buffer_.size()) : 0;
+        length_ = length > 0 ? static_cast<std::size_t>(length) : 0;
     }
 
     Descriptor proc_{::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     std::vector<int> pids_;
     std::vector<int> tids_;
+    std::vector<Known> known_;
+    std::size_t readWhole_ = 0;
+    std::size_t length_ = 0;
     alignas(dirent64) std::array<char, 32768> buffer_;
 };
+
+// The sleepers inherit a signal that ends a thread's pause() and nothing else, and a process group of their own.
+void makeWakeable() {
+    signal(SIGUSR1, [](int) {});
+    bench::require(setpgid(0, 0) == 0 || getpgrp() == getpid(), "a process group");
+}
+
+// One thread of each runs for a moment, and all sleep again.
+void wakeProcesses() {
+    kill(0, SIGUSR1);
+    usleep(200'000);
+}
+
+// Every thread of each does.
+void wakeThreads() {
+    linuxos::ProcessSamples samples;
+    bench::require(linuxos::ProcfsSource().read(samples) == 0, "the table can't be read");
+    for (const linuxos::ProcessSample& process : samples.processes) {
+        if (getpgid(process.pid) != getpgrp()) continue;
+        for (std::uint32_t i = 0; i < process.threadCount; ++i) {
+            syscall(SYS_tgkill, process.pid, samples.threads[process.firstThread + i].tid, SIGUSR1);
+        }
+    }
+    usleep(200'000);
+}
 
 template <class Work>
 double measure(Work&& work) {
@@ -182,7 +229,8 @@ double psMs() {
 }
 
 void run() {
-    const Sleepers sleepers;
+    makeWakeable();
+    const bench::Sleepers sleepers(kProcesses, kThreads);
     bench::pinToOneCpu();
     Snapshot procfs(std::make_unique<linuxos::ProcfsSource>());
     BareReads bare;
@@ -197,25 +245,57 @@ void run() {
     countAllocations("a later procfs snapshot", std::make_unique<linuxos::ProcfsSource>());
     if (iterates) countAllocations("a later snapshot of the iterator", std::make_unique<linuxos::TaskIteratorSource>());
 
-    bench::Comparison procfsToBare("procfs snapshot to its bare reads", "ms");
+    // The processes rest in between, or run.
+    struct Case {
+        const char* name;
+        void (*prepare)();
+        std::size_t leastRead;
+        bench::Comparison procfsToBare;
+        bench::Comparison psToProcfs;
+    };
+    Case cases[] = {
+        {"", [] {}, 0, {"procfs snapshot to its bare reads", "ms"}, {"ps -eL to the procfs snapshot", "ms"}},
+        {"one thread of each process ran",
+         wakeProcesses,
+         kProcesses,
+         {"procfs snapshot to its bare reads, one thread of each process ran", "ms"},
+         {"ps -eL to the procfs snapshot, one thread of each process ran", "ms"}},
+        {"every thread ran",
+         wakeThreads,
+         kProcesses,
+         {"procfs snapshot to its bare reads, every thread ran", "ms"},
+         {"ps -eL to the procfs snapshot, every thread ran", "ms"}}};
     bench::Comparison bareToIterator("bare procfs reads to the iterator's snapshot", "ms");
     bench::Comparison psToIterator("ps -eL to the iterator's snapshot", "ms");
-    bench::Comparison psToProcfs("ps -eL to the procfs snapshot", "ms");
-    for (int round = 0; round < 11; ++round) {
-        bare.run();  // what ps left behind in the caches is not what is measured
-        const double bareMs = measure([&] { bare.run(); });
-        const double procfsMs = measure([&] { procfs.take(); });
+    for (int round = 0; round < 12; ++round) {
         const double ps = psMs();
-        procfsToBare.add(procfsMs, bareMs);
-        psToProcfs.add(ps, procfsMs);
+        // What ps left behind in the caches is not what is measured.
+        bare.run();
+        procfs.take();
+        double restingMs = 0;
+        for (Case& measured : cases) {
+            measured.prepare();
+            const std::size_t before = bare.readWhole();
+            // By turns: the second finds what it reads in the caches.
+            double bareMs = 0;
+            if (round % 2 == 0) bareMs = measure([&] { bare.run(); });
+            const double procfsMs = measure([&] { procfs.take(); });
+            if (round % 2 != 0) bareMs = measure([&] { bare.run(); });
+            bench::require(bare.readWhole() - before >= measured.leastRead, measured.name);
+            measured.procfsToBare.add(procfsMs, bareMs);
+            measured.psToProcfs.add(ps, procfsMs);
+            if (measured.leastRead == 0) restingMs = bareMs;
+        }
         if (!iterates) continue;
         iterator.take();  // as above
         const double iteratorMs = measure([&] { iterator.take(); });
-        bareToIterator.add(bareMs, iteratorMs);
+        bareToIterator.add(restingMs, iteratorMs);
         psToIterator.add(ps, iteratorMs);
     }
-    procfsToBare.print(bench::Goal::atMost, 1.3);
-    psToProcfs.print(bench::Goal::atLeast, 4);
+    for (const Case& measured : cases) {
+        measured.procfsToBare.print(bench::Goal::atMost, 1.3);
+        measured.psToProcfs.print(bench::Goal::atLeast, 4);
+    }
     if (!iterates) {
         std::printf("the task iterator can't be used here: not measured\n");
         return;

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <list>
 #include <map>
 #include <thread>
 
@@ -30,134 +31,6 @@ std::vector<std::unique_ptr<ProcessSource>> sourcesOf(std::unique_ptr<ProcessSou
     std::vector<std::unique_ptr<ProcessSource>> sources;
     sources.push_back(std::move(source));
     return sources;
-}
-
-// A procfs of files that a test writes, with a clock beside it.
-class FakeProcfsTest : public testing::Test {
-protected:
-    struct Thread {
-        int policy = 0;
-        int nice = 0;
-        std::uint64_t runtimeNs = 0;
-        int start = 100;
-    };
-
-    void SetUp() override { clocks_.clear(); }
-
-    void write(std::int32_t pid, std::int32_t tid, const Thread& thread, std::size_t threads) {
-        const std::string folder = proc_.path(std::to_string(pid) + "/task/" + std::to_string(tid));
-        std::filesystem::create_directories(folder);
-        writeStat(folder, tid, thread, threads);
-    }
-    void writeProcess(std::int32_t pid, std::uint64_t clockNs, const std::map<std::int32_t, Thread>& threads) {
-        const std::string folder = proc_.path(std::to_string(pid));
-        std::filesystem::remove_all(folder);
-        for (const auto& [tid, thread] : threads) write(pid, tid, thread, threads.size());
-        writeStat(folder, pid, threads.begin()->second, threads.size());
-        tests::writeWholeFile(folder + "/io", "read_bytes: 4096\nwrite_bytes: 8192\n");
-        tests::writeWholeFile(
-            folder + "/status",
-            "Name:\tx\nVmLck:\t 4 kB\nVmPin:\t 8 kB\nVmRSS:\t 100 kB\nRssAnon:\t 60 kB\nVmSwap:\t 2 kB\n");
-        clocks_[pid] = clockNs;
-    }
-    ResourceUsage usageOf(std::int32_t pid) {
-        EXPECT_EQ(table_.freeze(), 0);
-        const auto place = table_.find(pid);
-        EXPECT_GE(place, 0);
-        return place < 0 ? ResourceUsage{} : table_.usage(static_cast<std::size_t>(place));
-    }
-
-    tests::TemporaryFolder proc_;
-    ProcessTable table_{sourcesOf(std::make_unique<ProcfsSource>(proc_.path(), fakeClock)), nullptr};
-
-private:
-    static void writeStat(const std::string& folder, std::int32_t id, const Thread& thread, std::size_t threads) {
-        tests::writeWholeFile(folder + "/stat", std::to_string(id) + " (x) S 1 1 1 0 -1 4194304 1 0 9 0 1 1 0 0 20 " +
-                                                    std::to_string(thread.nice) + " " + std::to_string(threads) +
-                                                    " 0 " + std::to_string(thread.start) +
-                                                    " 1 1 1 1 1 1 1 1 0 0 0 0 0 0 0 17 0 0 " +
-                                                    std::to_string(thread.policy) + " 0 0 0\n");
-        tests::writeWholeFile(folder + "/schedstat", std::to_string(thread.runtimeNs) + " 0 1\n");
-    }
-    static std::optional<std::uint64_t> fakeClock(std::int32_t pid) {
-        const auto found = clocks_.find(pid);
-        if (found == clocks_.end()) return std::nullopt;
-        return found->second;
-    }
-    static inline std::map<std::int32_t, std::uint64_t> clocks_;
-};
-
-constexpr std::uint64_t kMsNs = 1'000'000;
-constexpr std::uint64_t kMsTicks = 24'000;
-
-TEST_F(FakeProcfsTest, GivesEachField) {
-    writeProcess(7, 10 * kMsNs, {{7, {.nice = 5, .runtimeNs = 10 * kMsNs}}});
-    const ResourceUsage usage = usageOf(7);
-    EXPECT_EQ(usage.userTime + usage.systemTime, 10 * kMsTicks);
-    EXPECT_EQ(usage.utilityTime, 10 * kMsTicks);
-    EXPECT_EQ(usage.pageIns, 9u);
-    EXPECT_EQ(usage.wiredSize, 12u * 1024);
-    EXPECT_EQ(usage.residentSize, 100u * 1024);
-    EXPECT_EQ(usage.physicalFootprint, 62u * 1024);
-    EXPECT_EQ(usage.diskBytesRead, 4096u);
-    EXPECT_EQ(usage.diskBytesWritten, 8192u);
-    EXPECT_EQ(usage.startTime, 24'000'000u);
-    EXPECT_EQ(usage.uuid, (std::array<std::uint8_t, 16>{}));
-}
-
-TEST_F(FakeProcfsTest, AThreadThatExitsLeavesItsTimeBehind) {
-    writeProcess(7, 30 * kMsNs, {{7, {.runtimeNs = 10 * kMsNs}}, {8, {.nice = 19, .runtimeNs = 20 * kMsNs}}});
-    EXPECT_EQ(usageOf(7).maintenanceTime, 20 * kMsTicks);
-    writeProcess(7, 35 * kMsNs, {{7, {.runtimeNs = 11 * kMsNs}}});
-    const ResourceUsage usage = usageOf(7);
-    EXPECT_EQ(usage.maintenanceTime, 20 * kMsTicks);
-    EXPECT_EQ(usage.unspecifiedTime, 4 * kMsTicks);
-    EXPECT_EQ(usage.legacyTime, 11 * kMsTicks);
-}
-
-TEST_F(FakeProcfsTest, AReusedProcessIdStartsAnew) {
-    writeProcess(7, 30 * kMsNs, {{7, {.runtimeNs = 30 * kMsNs}}});
-    usageOf(7);
-    writeProcess(7, 2 * kMsNs, {{7, {.nice = -5, .runtimeNs = 2 * kMsNs, .start = 200}}});
-    const ResourceUsage usage = usageOf(7);
-    EXPECT_EQ(usage.legacyTime, 0u);
-    EXPECT_EQ(usage.userInitiatedTime, 2 * kMsTicks);
-}
-
-TEST_F(FakeProcfsTest, FilesThatAreMissingCountAsZeros) {
-    writeProcess(7, kMsNs, {{7, {.runtimeNs = kMsNs}}});
-    for (const char* const file : {"/io", "/status", "/schedstat"}) std::filesystem::remove(proc_.path("7") + file);
-    const ResourceUsage usage = usageOf(7);
-    EXPECT_EQ(usage.diskBytesRead, 0u);
-    EXPECT_EQ(usage.residentSize, 0u);
-    EXPECT_EQ(usage.unspecifiedTime, kMsTicks);
-}
-
-TEST_F(FakeProcfsTest, AProcessWithoutItsStatIsLeftOut) {
-    writeProcess(7, kMsNs, {{7, {}}});
-    writeProcess(9, kMsNs, {{9, {}}});
-    std::filesystem::remove(proc_.path("7/stat"));
-    usageOf(9);
-    EXPECT_EQ(table_.find(7), -1);
-    EXPECT_EQ(table_.processes().size(), 1u);
-}
-
-TEST_F(FakeProcfsTest, NamesThatAreNoNumbersAreNoProcesses) {
-    for (const char* const name : {"self", "7x", "-3", "0", "99999999999"}) {
-        std::filesystem::create_directory(proc_.path(name));
-    }
-    EXPECT_EQ(table_.freeze(), 0);
-    EXPECT_TRUE(table_.processes().empty());
-}
-
-TEST_F(FakeProcfsTest, FindsInAnyOrder) {
-    for (const std::int32_t pid : {3, 10, 200, 7}) writeProcess(pid, 0, {{pid, {}}});
-    ASSERT_EQ(table_.freeze(), 0);
-    for (const std::int32_t pid : {200, 3, 10, 7, 3, 200}) {
-        ASSERT_GE(table_.find(pid), 0) << pid;
-        EXPECT_EQ(table_.processes()[static_cast<std::size_t>(table_.find(pid))].pid, pid);
-    }
-    for (const std::int32_t pid : {0, -1, 4, 201}) EXPECT_EQ(table_.find(pid), -1);
 }
 
 class FailingSource final : public ProcessSource {
@@ -353,10 +226,8 @@ bool sameRecord(const ProcessSample& left, const ProcessSample& right) {
 
 // Both ways of reading between two equal readings of the other: a process that did nothing in between must be the same
 // in every field.
-TEST_F(TaskIteratorTest, EveryRestingProcessIsTheSameAsInProcfs) {
-    BurningChild child;
+void expectTheSameInProcfs(ProcfsSource& procfs, std::int32_t expected) {
     TaskIteratorSource iterator;
-    ProcfsSource procfs;
     ProcessSamples before, files, after;
     ASSERT_EQ(iterator.read(before), 0);
     ASSERT_EQ(procfs.read(files), 0);
@@ -384,7 +255,25 @@ TEST_F(TaskIteratorTest, EveryRestingProcessIsTheSameAsInProcfs) {
         EXPECT_TRUE(sameThreads(files, *file, before, process));
     }
     EXPECT_GE(compared, 10u);
-    EXPECT_TRUE(findIn(before, child.pid()));
+    EXPECT_TRUE(findIn(before, expected));
+}
+
+TEST_F(TaskIteratorTest, EveryRestingProcessIsTheSameAsInProcfs) {
+    BurningChild child;
+    ProcfsSource procfs;
+    expectTheSameInProcfs(procfs, child.pid());
+}
+
+// What procfs does not read again is the same all the same, also after threads ran, ended and began.
+TEST_F(TaskIteratorTest, EveryRestingProcessIsTheSameInALaterTableOfProcfs) {
+    std::list<BurningChild> children(1);
+    ProcfsSource procfs;
+    for (int round = 0; round < 4; ++round) {
+        expectTheSameInProcfs(procfs, children.back().pid());
+        ASSERT_EQ(setpriority(PRIO_PROCESS, static_cast<id_t>(children.front().pid()), round + 1), 0);
+        std::thread([] { burn(2); }).join();
+        if (round == 1) children.emplace_back();
+    }
 }
 
 TEST_F(TaskIteratorTest, TablesThatAreTooSmallGrow) {
