@@ -1,3 +1,6 @@
+#include <cstring>
+
+#include "perfstats/VMColumns.h"
 #include "tests/perfstats/Tables.h"
 
 namespace quorvix::test {
@@ -271,6 +274,23 @@ TEST_F(Rendering, JsonShowsFreePagesSigned) {
     vm_statistics64 s = distinctStatistics();
     s.free_count = 14;
     EXPECT_NE(json(*vmActivation(s, s)).find("\"free\":-1,"), std::string::npos);
+}
+
+// The ten counts of 32 bits are signed, the counters of 64 bits are not.
+TEST_F(Rendering, JsonShowsLargeCountsSignedAndLargeCountersUnsigned) {
+    vm_statistics64 s;
+    std::memset(&s, 0xff, sizeof s);
+    s.speculative_count = 0;
+    const std::string shown = vmStatisticsJson(s);
+    const auto countOf = [&](const std::string& value) {
+        std::size_t count = 0;
+        for (std::size_t at = 0; (at = shown.find(value, at)) != std::string::npos; ++at) ++count;
+        return count;
+    };
+    EXPECT_EQ(countOf("\":-1,"), 9u);
+    EXPECT_EQ(countOf("\":0,"), 1u);  // the speculative count, under the label "inactive"
+    EXPECT_EQ(countOf("\":18446744073709551615"), 12u);
+    EXPECT_EQ(shown.back(), '5');
 }
 
 TEST_F(Rendering, JsonLeavesOutTheHostsFiguresThatWereNotCaptured) {
