@@ -1,6 +1,7 @@
 // What activations cost the queues that they pass: commands 4 and 5 on daemonQueue, beyond their log calls and one
 // wake-up of another thread, and one recorded activation of 300 processes on its way to the disk.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,12 +9,14 @@
 #include <filesystem>
 #include <semaphore>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "activation/AppActivation.h"
 #include "activation/AppActivationTracker.h"
 #include "bench/Bench.h"
 #include "perfstats/PerfState.h"
+#include "platform/linux/Descriptor.h"
 #include "platform/linux/PowerLogStore.h"
 #include "platform/linux/QueueService.h"
 #include "platform/linux/WallClock.h"
@@ -34,7 +37,9 @@ constexpr useconds_t kSettleUs = 1000;
 constexpr std::int32_t kPid = 412;
 constexpr const char* kBundle = "com.norvane.mail";
 constexpr std::uint64_t kTime = 790'171'200'000;
-constexpr int kRecords = 61;
+constexpr int kRecords = 200;
+// Between activations: more than a person begins.
+constexpr useconds_t kPauseUs = 20'000;
 constexpr std::int32_t kRecordedProcesses = 300;
 constexpr double kMostRecordMs = 5;
 
@@ -66,12 +71,17 @@ public:
     std::atomic<bool> allLevels{false};
 };
 
+// One sender may have so many time-outs pending only: each measurement has a client of its own.
 class Client final : public MessageConnection {
 public:
-    std::int32_t pid() const override { return kPid; }
+    explicit Client(std::int32_t pid) : pid_(pid) {}
+    std::int32_t pid() const override { return pid_; }
     void setTargetQueue(const std::shared_ptr<WorkQueue>&) override {}
     void setEventHandler(MessageHandler) override {}
     void resume() override {}
+
+private:
+    const std::int32_t pid_;
 };
 
 sim::SimMessage beginMessage() {
@@ -205,7 +215,7 @@ void waitForTracker(std::uint64_t openActivations) {
 // On daemonQueue.
 class Handlers {
 public:
-    explicit Handlers(WorkQueue& other) : other_(other) {}
+    Handlers(WorkQueue& other, std::int32_t client) : other_(other), client_(std::make_shared<Client>(client)) {}
 
     void measure(const char* beginName, const char* endName) {
         Command begin(beginName);
@@ -245,7 +255,7 @@ private:
     }
 
     WorkQueue& other_;
-    const std::shared_ptr<MessageConnection> client_ = std::make_shared<Client>();
+    const std::shared_ptr<MessageConnection> client_;
     const sim::SimMessage begin_ = beginMessage();
     const sim::SimMessage end_ = endMessage();
 };
@@ -256,11 +266,11 @@ void measureHandlers(Device& device) {
     device.queues.start();
     runOn(daemonQueue(), [&] {
         (void)AppActivationTracker::sharedInstance();
-        Handlers handlers(*other);
-        handlers.measure("command 4, beyond its log calls and a wake-up",
-                         "command 5, beyond its log calls and a wake-up");
+        Handlers(*other, kPid)
+            .measure("command 4, beyond its log calls and a wake-up", "command 5, beyond its log calls and a wake-up");
         device.log.allLevels = true;
-        handlers.measure("command 4, every log line formatted", "command 5, every log line formatted");
+        Handlers(*other, kPid + 1)
+            .measure("command 4, every log line formatted", "command 5, every log line formatted");
         device.log.allLevels = false;
     });
 }
@@ -288,33 +298,85 @@ std::uint64_t storedActivations(const linuxos::PowerLogStore& store) {
     return 0;
 }
 
-void measureRecords(Device& device) {
-    setPlatform(&device.withStore);
-    const auto output = device.queues.makeSerialQueue("logoutput", QualityOfService::utility);
-    std::vector<double> elapsed;
-    std::vector<double> used;
-    std::vector<double> withoutWaiting;
+struct Milliseconds {
+    void print(const char* what) const {
+        std::printf("  %s: median %.2f ms, p90 %.2f ms, p99 %.2f ms, worst %.2f ms\n", what, median(values),
+                    quantile(values, 0.9), quantile(values, 0.99), quantile(values, 1));
+    }
+    std::vector<double> values = {};
+};
+
+std::uintmax_t journalBytes(const Device& device) {
+    return std::filesystem::file_size(device.folder / "wattrel.db-wal");
+}
+
+// The same number of bytes at the end of a file: what storing them can't do without, and that with waiting for the
+// disk, which the power log leaves to another thread.
+class BareFile {
+public:
+    BareFile(const Device& device, std::size_t bytes)
+        : bytes_(bytes, 'x'),
+          file_(open((device.folder / "bare").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {}
+
+    void measure() {
+        const double begin = nowNs();
+        require(write(file_.get(), bytes_.data(), bytes_.size()) == static_cast<ssize_t>(bytes_.size()), "write");
+        written.values.push_back((nowNs() - begin) / 1e6);
+        require(fdatasync(file_.get()) == 0, "fdatasync");
+        synchronised.values.push_back((nowNs() - begin) / 1e6);
+    }
+    std::size_t size() const { return bytes_.size(); }
+    Milliseconds written;
+    Milliseconds synchronised;
+
+private:
+    std::string bytes_;
+    linuxos::Descriptor file_;
+};
+
+// On the output queue, so long after one another.
+void measureRecords(Device& device, WorkQueue& output, BareFile& bare, const char* name, useconds_t pauseUs) {
+    Milliseconds elapsed, used, withoutWaiting;
+    const std::uint64_t stored = storedActivations(device.store);
     for (std::uint64_t i = 0; i < kRecords; ++i) {
         const auto record = recordedActivation(device.simulated, activationTimeNow() - 1000 * (kRecords - i));
-        runOn(*output, [&] {
+        runOn(output, [&] {
             const double waitedBefore = waitedMs();
             const double begin = nowNs();
             const double usedBefore = threadUs();
             record->logAppActivationData(kOutputWattrel);
-            used.push_back((threadUs() - usedBefore) / 1e3);
-            elapsed.push_back((nowNs() - begin) / 1e6);
-            withoutWaiting.push_back(elapsed.back() - (waitedMs() - waitedBefore));
+            used.values.push_back((threadUs() - usedBefore) / 1e3);
+            elapsed.values.push_back((nowNs() - begin) / 1e6);
+            withoutWaiting.values.push_back(elapsed.values.back() - (waitedMs() - waitedBefore));
+            if (pauseUs != 0) bare.measure();
         });
+        usleep(pauseUs);
     }
-    require(storedActivations(device.store) == kRecords, "every activation is stored");
-    printAbsolute("one activation of 300 processes to disk", "ms", median(elapsed), kMostRecordMs);
-    const auto printSpread = [](const char* what, const std::vector<double>& values) {
-        std::printf("  %s: median %.2f ms, nine of ten within %.2f ms, all within %.2f ms\n", what, median(values),
-                    quantile(values, 0.9), quantile(values, 1));
+    require(storedActivations(device.store) == stored + kRecords, "every activation is stored");
+    printAbsolute(name, "ms", median(elapsed.values), kMostRecordMs);
+    printAbsolute("  its p90", "ms", quantile(elapsed.values, 0.9), kMostRecordMs);
+    printAbsolute("  its p99", "ms", quantile(elapsed.values, 0.99), kMostRecordMs);
+    elapsed.print("all of it");
+    withoutWaiting.print("without waiting for a processor");
+    used.print("its own processor time");
+}
+
+void measureRecords(Device& device) {
+    setPlatform(&device.withStore);
+    const auto output = device.queues.makeSerialQueue("logoutput", QualityOfService::utility);
+    const auto store = [&] {
+        const auto record = recordedActivation(device.simulated, activationTimeNow());
+        runOn(*output, [&] { record->logAppActivationData(kOutputWattrel); });
     };
-    printSpread("all of it", elapsed);
-    printSpread("without waiting for a processor", withoutWaiting);
-    printSpread("its own processor time", used);
+    store();
+    const std::uintmax_t before = journalBytes(device);
+    store();
+    BareFile bare(device, journalBytes(device) - before);
+    measureRecords(device, *output, bare, "one activation of 300 processes to disk", kPauseUs);
+    std::printf("  beside them, %zu bytes to the end of a file:\n", bare.size());
+    bare.written.print("written");
+    bare.synchronised.print("written and synchronised");
+    measureRecords(device, *output, bare, "one activation to disk, each right after the other", 0);
 }
 
 }  // namespace
@@ -329,7 +391,12 @@ int main() {
     setPlatform(&device.withSimulatedLog);
     measureHandlers(device);
     measureRecords(device);
-    std::filesystem::remove_all(folder);
+    // The store's thread may still write there.
+    std::error_code error;
+    for (int attempt = 0; attempt < 50 && std::filesystem::exists(folder); ++attempt) {
+        std::filesystem::remove_all(folder, error);
+        if (error) usleep(100'000);
+    }
     std::fflush(stdout);
     _exit(0);
 }

@@ -30,7 +30,12 @@ public:
     void entries() && = delete;
 
 private:
+    // The place of a key, or the number of entries.
+    std::size_t find(const PowerLogKey& key) const;
+
     std::vector<Entry> entries_;
+    // Kept from kFewEntries on: the many small dictionaries of an event do without.
+    static constexpr std::size_t kFewEntries = 32;
     std::map<PowerLogKey, std::size_t> positions_;
 };
 
@@ -52,12 +57,30 @@ private:
     Content content_;
 };
 
+inline std::size_t PowerLogDictionary::find(const PowerLogKey& key) const {
+    if (entries_.size() >= kFewEntries) {
+        const auto found = positions_.find(key);
+        return found == positions_.end() ? entries_.size() : found->second;
+    }
+    std::size_t place = 0;
+    while (place < entries_.size() && entries_[place].first != key) ++place;
+    return place;
+}
+
 inline void PowerLogDictionary::set(PowerLogKey key, PowerLogValue value) {
-    const auto [position, added] = positions_.try_emplace(key, entries_.size());
-    if (added) {
-        entries_.emplace_back(std::move(key), std::move(value));
-    } else {
-        entries_[position->second].second = std::move(value);
+    const std::size_t place = find(key);
+    if (place < entries_.size()) {
+        entries_[place].second = std::move(value);
+        return;
+    }
+    entries_.emplace_back(std::move(key), std::move(value));
+    if (entries_.size() < kFewEntries) return;
+    if (entries_.size() > kFewEntries) {
+        positions_.emplace(entries_.back().first, place);
+        return;
+    }
+    for (std::size_t earlier = 0; earlier < entries_.size(); ++earlier) {
+        positions_.emplace(entries_[earlier].first, earlier);
     }
 }
 

@@ -100,7 +100,7 @@ struct PowerLogDatabase::Inserts {
 };
 
 PowerLogDatabase::PowerLogDatabase(const std::string& folder, PowerLogLimits limits)
-    : path_(folder + "/wattrel.db"), limits_(limits) {}
+    : path_(folder + "/wattrel.db"), limits_(limits), checkpoints_(path_) {}
 
 PowerLogDatabase::~PowerLogDatabase() = default;
 
@@ -127,6 +127,7 @@ PowerLogDatabase::Failure PowerLogDatabase::write(const PowerLogActivation& acti
         database_.reset();
         if (!damaged || retried) return failure;
         try {
+            const auto held = checkpoints_.hold();
             moveAside(".damaged");
         } catch (const std::exception& error) {
             return error.what();
@@ -136,6 +137,7 @@ PowerLogDatabase::Failure PowerLogDatabase::write(const PowerLogActivation& acti
 
 void PowerLogDatabase::openIfNeeded() {
     if (database_ && !database_->fileHasMoved()) return;
+    const auto held = checkpoints_.hold();
     inserts_.reset();
     database_.reset();
     connect();
@@ -169,6 +171,7 @@ void PowerLogDatabase::connect() {
     database_->execute(
         "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -256; PRAGMA foreign_keys = ON;"
         "PRAGMA journal_size_limit = 1048576; PRAGMA temp_store = MEMORY;");
+    database_->leaveJournalToOthers();
     const std::int64_t pages = limits_.bytes / std::max<std::int64_t>(1, database_->number("PRAGMA page_size"));
     database_->execute(("PRAGMA max_page_count = " + std::to_string(pages)).c_str());
 }
@@ -194,6 +197,8 @@ void PowerLogDatabase::moveAside(const char* suffix) {
 void PowerLogDatabase::checkJournal() {
     struct stat status {};
     if (stat((path_ + "-wal").c_str(), &status) != 0 || status.st_size <= limits_.journalBytes) return;
+    // So much was stored that it could not be carried over beside: what is under way is waited for.
+    const auto held = checkpoints_.hold();
     if (database_->number("PRAGMA wal_checkpoint(TRUNCATE)") != 0) {
         throw std::runtime_error("a reader keeps the journal from being emptied");
     }
@@ -211,6 +216,7 @@ void PowerLogDatabase::store(const PowerLogActivation& activation, std::int64_t 
     }
     database_->execute("COMMIT");
     agedInHour_ = seconds / kSecondsPerHour;
+    if (database_->journalPages() >= limits_.checkpointPages) checkpoints_.request();
 }
 
 bool PowerLogDatabase::clockIsBelieved(std::int64_t seconds) {
@@ -251,10 +257,11 @@ void PowerLogDatabase::makeRoom(std::int64_t seconds, Counts& counts) {
 // any more or a newer row has it too.
 void PowerLogDatabase::dropNames() {
     database_->execute(
-        "DELETE FROM ProcessData AS old WHERE Activation NOT IN (SELECT Activation FROM ActivationData) AND"
-        " (UniqueID NOT IN (SELECT UniqueID FROM CPUStatistics WHERE UniqueID IS NOT NULL) OR"
-        "  EXISTS (SELECT 1 FROM ProcessData AS newer WHERE newer.UniqueID = old.UniqueID AND"
-        "          newer.Activation > old.Activation))");
+        "DELETE FROM ProcessData WHERE Activation NOT IN (SELECT Activation FROM ActivationData) AND"
+        " (Activation, EntryKey) NOT IN"
+        " (SELECT newest.Activation, newest.EntryKey"
+        "  FROM (SELECT UniqueID, EntryKey, max(Activation) AS Activation FROM ProcessData GROUP BY UniqueID) AS newest"
+        "  WHERE newest.UniqueID IN (SELECT UniqueID FROM CPUStatistics))");
 }
 
 }  // namespace quorvix::linuxos

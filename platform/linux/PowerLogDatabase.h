@@ -9,6 +9,7 @@
 
 #include "platform/PowerLog.h"
 #include "platform/Time.h"
+#include "platform/linux/PowerLogCheckpoints.h"
 #include "platform/linux/PowerLogSchema.h"
 
 namespace quorvix::linuxos {
@@ -23,6 +24,8 @@ struct PowerLogLimits {
     std::int64_t journalBytes = std::int64_t{16} * 1024 * 1024;
     // How long one write waits for a lock of another.
     std::chrono::milliseconds busyTimeout{100};
+    // From so many on, the journal's pages are carried over into the file, beside the writer.
+    std::int64_t checkpointPages = 1000;
 };
 
 // The events of one activation by table; the first is always there.
@@ -33,7 +36,8 @@ struct PowerLogActivation {
 // The power log on disk: <folder>/wattrel.db, mode 0600, described in docs/power-log.md. Opened at the first write and
 // again after every failure. An activation is one transaction: all of its rows are stored or none, also when the
 // process is killed within. The oldest activations make room for new ones. A damaged file, or one of another version,
-// is moved aside, never deleted, and a new one begun. One thread at a time; no exception leaves it.
+// is moved aside, never deleted, and a new one begun. One thread at a time, but for one of its own that empties the
+// journal; no exception leaves it.
 class PowerLogDatabase {
 public:
     // An error's text; nothing: it worked.
@@ -53,6 +57,8 @@ public:
 
     [[nodiscard]] Failure write(const PowerLogActivation& activation, WallTime now);
     const Counts& counts() const { return counts_; }
+    // Its counters may be read from any thread.
+    const PowerLogCheckpoints& checkpoints() const { return checkpoints_; }
 
 private:
     struct Inserts;
@@ -76,6 +82,8 @@ private:
     // The hour (since 1970) in which the age was last looked at.
     std::int64_t agedInHour_ = -1;
     Counts counts_;
+    // Last: it ends before the connection, whose closing empties the journal.
+    PowerLogCheckpoints checkpoints_;
 };
 
 }  // namespace quorvix::linuxos

@@ -87,7 +87,9 @@ JsonObject PowerLogStore::selfCounters() const {
             {"failedWrites", failedWrites_.load()},
             {"agedActivations", agedActivations_.load()},
             {"displacedActivations", displacedActivations_.load()},
-            {"databasesMovedAside", movedAside_.load()}};
+            {"databasesMovedAside", movedAside_.load()},
+            {"checkpoints", database_.checkpoints().done()},
+            {"failedCheckpoints", database_.checkpoints().failed()}};
 }
 
 }  // namespace quorvix::linuxos

@@ -66,6 +66,15 @@ bool SqliteDatabase::fileHasMoved() {
     return code == SQLITE_OK && moved != 0;
 }
 
+void SqliteDatabase::leaveJournalToOthers() {
+    const auto note = [](void* self, sqlite3*, const char*, int pages) {
+        static_cast<SqliteDatabase*>(self)->journalPages_ = pages;
+        return SQLITE_OK;
+    };
+    // In the place of the hook that does it.
+    sqlite3_wal_hook(handle_, note, this);
+}
+
 SqliteStatement::SqliteStatement(SqliteDatabase& database, std::string_view sql) : database_(database.handle()) {
     check(sqlite3_prepare_v2(database_, sql.data(), static_cast<int>(sql.size()), &statement_, nullptr));
 }

@@ -50,10 +50,15 @@ public:
     std::string text(const char* sql);
     // The file was unlinked or renamed under the open connection.
     bool fileHasMoved();
+    // From here on no commit carries the write-ahead journal over into the file, and journalPages() tells how much the
+    // last commit left in it.
+    void leaveJournalToOthers();
+    std::int64_t journalPages() const { return journalPages_; }
     sqlite3* handle() const { return handle_; }
 
 private:
     sqlite3* handle_ = nullptr;
+    std::int64_t journalPages_ = 0;
 };
 
 // A prepared statement: bind all, step, read columns, reset. Parameters count from 1, columns from 0.
