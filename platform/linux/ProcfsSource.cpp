@@ -1,7 +1,6 @@
 #include "platform/linux/ProcfsSource.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <linux/sched/types.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -80,27 +79,7 @@ int ProcfsSource::read(ProcessSamples& samples) {
 
 int ProcfsSource::listIds(int directory, std::vector<Entry>& ids) {
     ids.clear();
-    for (;;) {
-        const long count = syscall(SYS_getdents64, directory, buffer_.data(), buffer_.size());
-        if (count < 0) return errno;
-        if (count == 0) return 0;
-        for (long at = 0; at < count;) {
-            const auto* const entry = reinterpret_cast<const dirent64*>(buffer_.data() + at);
-            at += entry->d_reclen;
-            const char* const end = entry->d_name + std::strlen(entry->d_name);
-            std::int32_t id = 0;
-            const auto [after, error] = std::from_chars(entry->d_name, end, id);
-            if (error == std::errc() && after == end && id > 0) ids.push_back({id, entry->d_ino});
-        }
-    }
-}
-
-std::string_view ProcfsSource::readFile(int directory, const char* path) {
-    const Descriptor file(openat(directory, path, O_RDONLY | O_CLOEXEC));
-    if (!file) return {};
-    const ssize_t count = ::read(file.get(), buffer_.data(), buffer_.size());
-    if (count <= 0) return {};
-    return {buffer_.data(), static_cast<std::size_t>(count)};
+    return reader_.eachId(directory, [&ids](std::int32_t id, std::uint64_t inode) { ids.push_back({id, inode}); });
 }
 
 void ProcfsSource::readProcess(const Entry& entry, ProcessSamples& samples) {
@@ -111,7 +90,7 @@ void ProcfsSource::readProcess(const Entry& entry, ProcessSamples& samples) {
     const KnownProcess* const last = lastOf(entry);
     if (last && last->clockNs == *clock && repeat(*last, samples)) return;
 
-    const auto stat = parseStat(readFile(directory_.get(), pathOf(pid, "/stat").get()));
+    const auto stat = parseStat(reader_.file(directory_.get(), pathOf(pid, "/stat").get()));
     if (!stat) return;
     // Once more, now that it is known whose it is. Before its threads' times: what runs in between then looks too small
     // a sum, not like time of an exited thread.
@@ -131,14 +110,14 @@ void ProcfsSource::readProcess(const Entry& entry, ProcessSamples& samples) {
     const bool singleThreaded = stat->threadCount <= 1;
     readName(*stat, process);
 
-    const IoText io = parseIo(readFile(directory_.get(), pathOf(pid, "/io").get()));
+    const IoText io = parseIo(reader_.file(directory_.get(), pathOf(pid, "/io").get()));
     process.diskBytesRead = io.readBytes;
     process.diskBytesWritten = io.writeBytes;
     readSizes(process);
 
     if (singleThreaded) {
         // Its only thread is the one that the process's own files tell of.
-        if (const auto own = parseSchedstat(readFile(directory_.get(), pathOf(pid, "/schedstat").get()))) {
+        if (const auto own = parseSchedstat(reader_.file(directory_.get(), pathOf(pid, "/schedstat").get()))) {
             addThread({0, {pid, leadersClass, process.startUnits, *own}}, samples);
         }
     } else if (!last || stat->startUnits != last->sample.startUnits || stat->threadCount != last->sample.threadCount ||
@@ -197,7 +176,7 @@ bool ProcfsSource::readThreadsThatRan(const KnownProcess& last, std::uint64_t ru
     for (auto place = before; left != 0 && place < samples.threads.size(); ++place) {
         ThreadSample& thread = samples.threads[place];
         const auto path = pathOf(last.sample.pid, "/task/").number(thread.tid).text("/schedstat");
-        const auto runtime = parseSchedstat(readFile(directory_.get(), path.get()));
+        const auto runtime = parseSchedstat(reader_.file(directory_.get(), path.get()));
         if (!runtime || *runtime < thread.runtimeNs || *runtime - thread.runtimeNs > left) break;
         left -= *runtime - thread.runtimeNs;
         thread.runtimeNs = next_.threads[place].sample.runtimeNs = *runtime;
@@ -214,15 +193,13 @@ void ProcfsSource::readName(const StatText& stat, ProcessSample& process) {
     if (process.isKernelThread || !mayBeCut(comm)) return;
     char kept[kCommLength];
     comm.copy(kept, kCommLength);
-    const auto link = pathOf(process.pid, "/exe");
-    const ssize_t length = readlinkat(directory_.get(), link.get(), buffer_.data(), buffer_.size());
-    if (length <= 0) return;
-    completeProcessName(process, {kept, kCommLength}, {buffer_.data(), static_cast<std::size_t>(length)});
+    const std::string_view path = reader_.link(directory_.get(), pathOf(process.pid, "/exe").get());
+    if (!path.empty()) completeProcessName(process, {kept, kCommLength}, path);
 }
 
 void ProcfsSource::readSizes(ProcessSample& process) {
     if (process.isKernelThread) return;
-    const StatusText sizes = parseStatus(readFile(directory_.get(), pathOf(process.pid, "/status").get()));
+    const StatusText sizes = parseStatus(reader_.file(directory_.get(), pathOf(process.pid, "/status").get()));
     process.wiredBytes = sizes.locked + sizes.pinned;
     process.residentBytes = sizes.resident;
     process.footprintBytes = sizes.anonymous + sizes.swapped;
@@ -248,12 +225,12 @@ void ProcfsSource::readThreads(std::int32_t pid, const KnownProcess* last, Proce
             thread.startUnits = same->sample.startUnits;
             thread.qosClass = qosClassOf(scheduling->policy, scheduling->nice);
         } else {
-            const auto stat = parseStat(readFile(tasks.get(), pathOf(entry.id, "/stat").get()));
+            const auto stat = parseStat(reader_.file(tasks.get(), pathOf(entry.id, "/stat").get()));
             if (!stat) continue;
             thread.startUnits = stat->startUnits;
             thread.qosClass = qosClassOf(stat->policy, stat->nice);
         }
-        const auto runtime = parseSchedstat(readFile(tasks.get(), pathOf(entry.id, "/schedstat").get()));
+        const auto runtime = parseSchedstat(reader_.file(tasks.get(), pathOf(entry.id, "/schedstat").get()));
         if (!runtime) continue;
         thread.runtimeNs = *runtime;
         addThread({entry.inode, thread}, samples);

@@ -1,17 +1,14 @@
 #pragma once
 
-#include <dirent.h>
-
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/ProcessSamples.h"
+#include "platform/linux/ProcfsReader.h"
 #include "platform/linux/ProcfsText.h"
 
 namespace quorvix::linuxos {
@@ -80,8 +77,6 @@ private:
     void readSizes(ProcessSample& process);
     void readThreads(std::int32_t pid, const KnownProcess* last, ProcessSamples& samples);
     void addThread(const KnownThread& thread, ProcessSamples& samples);
-    // The file's text, valid until the next call; empty when it can't be read.
-    std::string_view readFile(int directory, const char* path);
 
     const std::string root_;
     const Calls calls_;
@@ -91,9 +86,7 @@ private:
     Known last_;
     Known next_;
     std::size_t lastPlace_ = 0;  // in last_.processes, of the process that is read
-    // A directory is read in pieces of this, a file whole: the longest, status, stays below a page even with many
-    // processors, but for its lists of processors and memory nodes, which come last.
-    alignas(dirent64) std::array<char, 32768> buffer_;
+    ProcfsReader reader_;
 };
 
 }  // namespace quorvix::linuxos
