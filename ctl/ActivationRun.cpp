@@ -11,33 +11,10 @@
 
 #include "activation/AppActivation.h"
 #include "ctl/PreferenceText.h"
+#include "ctl/ToolPlatform.h"
 #include "platform/Platform.h"
-#include "platform/linux/Clocks.h"
-#include "platform/linux/CounterStore.h"
 #include "platform/linux/Descriptor.h"
-#include "platform/linux/DeviceCapabilities.h"
-#include "platform/linux/Files.h"
-#include "platform/linux/HostStatistics.h"
-#include "platform/linux/Json.h"
-#include "platform/linux/KernelMemory.h"
-#include "platform/linux/LibraryLoader.h"
-#include "platform/linux/Lifecycle.h"
-#include "platform/linux/MessageService.h"
-#include "platform/linux/Notifications.h"
-#include "platform/linux/PowerLogStore.h"
-#include "platform/linux/PreferencesStore.h"
-#include "platform/linux/ProcessMemory.h"
-#include "platform/linux/ProcessQueries.h"
-#include "platform/linux/PropertyListReader.h"
-#include "platform/linux/QueueService.h"
-#include "platform/linux/RandomSource.h"
-#include "platform/linux/RenderServer.h"
-#include "platform/linux/SharedMemory.h"
-#include "platform/linux/Signposts.h"
-#include "platform/linux/StateService.h"
-#include "platform/linux/SystemInformation.h"
 #include "platform/linux/Utf8.h"
-#include "platform/linux/WallClock.h"
 
 namespace quorvix::ctl {
 
@@ -90,72 +67,23 @@ private:
     const ToolServices& services_;
 };
 
-// The real clocks, processes and host figures that a snapshot asks. The rest is there because a platform is whole; no
-// rendering touches it, and nothing of it does anything unasked.
+// Set while it lives.
 class RunPlatform {
 public:
-    explicit RunPlatform(const ToolServices& services) : console_(services) { log_.attach(&services); }
+    explicit RunPlatform(const ToolServices& services) : console_(services) {
+        RunLog::shared().attach(&services);
+        setPlatform(&services_);
+    }
     ~RunPlatform() {
         setPlatform(nullptr);
-        log_.attach(nullptr);
+        RunLog::shared().attach(nullptr);
     }
     RunPlatform(const RunPlatform&) = delete;
     RunPlatform& operator=(const RunPlatform&) = delete;
-    void set() { setPlatform(&services_); }
 
 private:
-    RunLog& log_ = RunLog::shared();
     RunConsole console_;
-    linuxos::LinuxLifecycle lifecycle_{""};
-    linuxos::LinuxQueueService queues_;
-    linuxos::LinuxTickClock tickClock_;
-    linuxos::LinuxWallClock wallClock_;
-    linuxos::MappedRegions regions_;
-    linuxos::LinuxMessageService messages_{log_, lifecycle_, regions_};
-    linuxos::LinuxNotificationService notifications_{log_};
-    linuxos::LinuxPreferencesStore preferences_{log_};
-    linuxos::LinuxPropertyListReader propertyLists_{log_};
-    linuxos::LinuxDeviceCapabilities capabilities_{log_};
-    linuxos::CounterStore counters_{log_};
-    linuxos::LinuxProcessQueries processes_{log_};
-    linuxos::LinuxHostStatistics host_;
-    linuxos::LinuxFiles files_;
-    linuxos::LinuxLibraryLoader libraries_;
-    linuxos::LinuxJson json_;
-    linuxos::LinuxRandomSource random_;
-    linuxos::LinuxRenderServer renderServer_;
-    linuxos::LinuxSignposts signposts_;
-    linuxos::PowerLogStore powerLog_{log_};
-    linuxos::LinuxStateService state_{log_};
-    linuxos::LinuxSystemInformation systemInformation_;
-    linuxos::LinuxProcessMemory processMemory_;
-    linuxos::LinuxKernelMemory kernelMemory_;
-    Platform services_{.tickClock = tickClock_,
-                       .wallClock = wallClock_,
-                       .queues = queues_,
-                       .messages = messages_,
-                       .regions = regions_,
-                       .notifications = notifications_,
-                       .preferences = preferences_,
-                       .propertyLists = propertyLists_,
-                       .capabilities = capabilities_,
-                       .log = log_,
-                       .counters = counters_,
-                       .processes = processes_,
-                       .host = host_,
-                       .files = files_,
-                       .libraries = libraries_,
-                       .json = json_,
-                       .random = random_,
-                       .renderServer = renderServer_,
-                       .lifecycle = lifecycle_,
-                       .state = state_,
-                       .powerLog = powerLog_,
-                       .signposts = signposts_,
-                       .console = console_,
-                       .systemInformation = systemInformation_,
-                       .processMemory = processMemory_,
-                       .kernelMemory = kernelMemory_};
+    Platform services_ = toolPlatform(RunLog::shared(), console_);
 };
 
 // A child that waits to become the command, so that the first snapshot holds its pid and none of its work.
@@ -221,8 +149,7 @@ ExitStatus runActivation(const std::vector<std::string>& command, OutputForm for
     try {
         services.out.flush();
         WaitingCommand child(command);
-        RunPlatform platform(services);
-        platform.set();
+        const RunPlatform platform(services);
         const std::uint64_t start = activationTimeNow();
         const auto activation = AppActivation::initWithStatisticsType(kSnapshotCPU | kSnapshotVM, child.pid(),
                                                                       programName(command[0]), start, start, 1, 1);

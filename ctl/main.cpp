@@ -8,8 +8,9 @@
 #include <vector>
 
 #include "ctl/CommandLine.h"
+#include "ctl/ToolPlatform.h"
 #include "memsnapshot/MemorySnapshot.h"
-#include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/Console.h"
 #include "platform/linux/Notifications.h"
 #include "platform/linux/PreferencesStore.h"
 #include "service/ServiceState.h"
@@ -47,41 +48,13 @@ public:
     std::optional<std::string> path;
 };
 
-// The daemon's own code on the real services, of which only those that a snapshot asks are ever used: none of the
-// others opens anything before it is.
 std::optional<std::string> takeSnapshot() {
-    // Never destroyed, as in the daemon.
-    auto& device = *new linuxos::LinuxPlatform;
-    auto& log = *new SnapshotLog;
-    const Platform& real = device.services();
-    auto& services = *new Platform{.tickClock = real.tickClock,
-                                   .wallClock = real.wallClock,
-                                   .queues = real.queues,
-                                   .messages = real.messages,
-                                   .regions = real.regions,
-                                   .notifications = real.notifications,
-                                   .preferences = real.preferences,
-                                   .propertyLists = real.propertyLists,
-                                   .capabilities = real.capabilities,
-                                   .log = log,
-                                   .counters = real.counters,
-                                   .processes = real.processes,
-                                   .host = real.host,
-                                   .files = real.files,
-                                   .libraries = real.libraries,
-                                   .json = real.json,
-                                   .random = real.random,
-                                   .renderServer = real.renderServer,
-                                   .lifecycle = real.lifecycle,
-                                   .state = real.state,
-                                   .powerLog = real.powerLog,
-                                   .signposts = real.signposts,
-                                   .console = real.console,
-                                   .systemInformation = real.systemInformation,
-                                   .processMemory = real.processMemory,
-                                   .kernelMemory = real.kernelMemory};
+    // Kept: the subsystems keep hold of what they see first.
+    static SnapshotLog log;
+    static linuxos::LinuxConsole console(log);
+    static Platform services = toolPlatform(log, console);
     setPlatform(&services);
-    serviceState().reportDateFormatter = real.wallClock.makeDateFormatter("yyyy-MM-dd-HHmmss");
+    serviceState().reportDateFormatter = services.wallClock.makeDateFormatter("yyyy-MM-dd-HHmmss");
     takeMemorySnapshot();
     return log.path;
 }
