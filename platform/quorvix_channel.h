@@ -34,6 +34,10 @@
 #define QUORVIX_CHANNEL_ASSERT(condition, text) _Static_assert(condition, text)
 #endif
 
+/* Qt makes a macro of this word in every file that includes its headers. */
+#pragma push_macro("slots")
+#undef slots
+
 #define QUORVIX_CHANNEL_VERSION 4u
 #define QUORVIX_CHANNEL_MINIMUM_SLOTS 20u
 #define QUORVIX_CHANNEL_MINIMUM_LENGTH 2088u
@@ -72,5 +76,7 @@ QUORVIX_CHANNEL_OFFSET(quorvix_hang_channel, slotCount, 4);
 QUORVIX_CHANNEL_OFFSET(quorvix_hang_channel, slots, 8);
 QUORVIX_CHANNEL_ASSERT(sizeof(struct quorvix_hang_channel) == QUORVIX_CHANNEL_MINIMUM_LENGTH, "20 slots, 2088 bytes");
 #undef QUORVIX_CHANNEL_OFFSET
+
+#pragma pop_macro("slots")
 
 #endif

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the end-to-end tests: the real daemon, real sockets, files and processes, in a file system of its own.
 
-    tests/e2e/run.py --build build/asan+ubsan [--json RESULT] [--slow] [--only PATTERN]
+    tests/e2e/run.py --build build/asan+ubsan [--json RESULT] [--slow] [--folder FOLDER] [--only PATTERN]
 
 Every test starts from empty folders. RESULT gets {"passed": n, "failed": n, "skipped": n}.
 """
@@ -24,6 +24,7 @@ def main():
     parser.add_argument("--build", required=True, help="build folder with the binaries under test")
     parser.add_argument("--json", help="file that gets the counts")
     parser.add_argument("--slow", action="store_true", help="instead of the others, the tests that wait for a minute or more")
+    parser.add_argument("--folder", default="tests/e2e", help="the tests of this folder of the tree")
     parser.add_argument("--only", help="run tests whose full name contains this")
     arguments = parser.parse_args()
     build = pathlib.Path(arguments.build).resolve()
@@ -33,7 +34,8 @@ def main():
         result = pathlib.Path(arguments.json).resolve() if arguments.json else None
         # Process ids of its own too: nobody else takes one while a test gives a certain pid out again.
         command = [str(ROOT / "demo/private-root"), "unshare", "--pid", "--fork", "--kill-child", "--mount-proc=/proc",
-                   "env", f"{INSIDE}=1", "python3", "-B", str(pathlib.Path(__file__).resolve()), "--build", str(build)]
+                   "env", f"{INSIDE}=1", "python3", "-B", str(pathlib.Path(__file__).resolve()), "--build", str(build),
+                   "--folder", arguments.folder]
         # /tmp is another one inside: the counts come back through the tree's build folder.
         if result:
             command += ["--json", str(build / "e2e-result.json")]
@@ -56,7 +58,7 @@ def main():
     loader = unittest.TestLoader()
     if arguments.only:
         loader.testNamePatterns = [f"*{arguments.only}*"]
-    suite = loader.discover(str(ROOT / "tests/e2e"), pattern="slow_*.py" if arguments.slow else "test_*.py")
+    suite = loader.discover(str(ROOT / arguments.folder), pattern="slow_*.py" if arguments.slow else "test_*.py")
     outcome = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
     failed = len(outcome.failures) + len(outcome.errors) + len(outcome.unexpectedSuccesses)
     skipped = len(outcome.skipped)
