@@ -93,9 +93,13 @@ def simulation_may(_, angled, quoted):
 
 def client_may(file, angled, quoted):
     is_cplusplus = file.endswith((".hpp", ".cpp"))
+    if in_folder(file, "client/examples/getting-started"):
+        return bool(angled)  # as somebody else's app: installed headers alone
     if angled:
         if angled in CPLUSPLUS:
             return is_cplusplus
+        if angled.startswith("Q"):
+            return "_qt." in file
         if angled.startswith("glib"):
             return "glib" in file  # the ready-made watch for a GLib main loop
         return angled in C_LIBRARY or angled.startswith(("sys/", "linux/", "asm/"))

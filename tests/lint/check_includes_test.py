@@ -87,6 +87,14 @@ class IncludeRule(unittest.TestCase):
         self.accepts("client/examples/app.c", '#include "quorvix.h"\n#include "quorvix_ticks.h"')
         self.refuses("hang/Bad.cpp", '#include "quorvix.h"')
 
+    def test_only_the_watch_for_qt_knows_qt(self):
+        self.accepts("client/quorvix_qt.hpp", "#include <QCoreApplication>")
+        self.refuses("client/quorvix.hpp", "#include <QCoreApplication>")
+
+    def test_the_first_apps_are_somebody_elses(self):
+        self.accepts("client/examples/getting-started/app.c", "#include <gtk/gtk.h>\n#include <quorvix.h>")
+        self.refuses("client/examples/getting-started/app.c", '#include "quorvix.h"')
+
     def test_the_linux_platform_may_not_use_a_subsystem(self):
         self.refuses("platform/linux/Bad.cpp", '#include "hang/Registry.h"')
 
