@@ -63,7 +63,8 @@ std::vector<unsigned> TraceInstance::cpus() const {
         const std::string_view entryName = entry->d_name;
         unsigned cpu = 0;
         if (!entryName.starts_with("cpu")) continue;
-        if (std::from_chars(entryName.data() + 3, entryName.data() + entryName.size(), cpu).ec == std::errc()) found.push_back(cpu);
+        if (std::from_chars(entryName.data() + 3, entryName.data() + entryName.size(), cpu).ec == std::errc())
+            found.push_back(cpu);
     }
     std::ranges::sort(found);
     return found;
