@@ -16,6 +16,8 @@
 #include "swivex/Reason.h"
 #include "swivex/Ring.h"
 #include "swivex/SmallFile.h"
+#include "swivex/StackPackets.h"
+#include "swivex/Stacks.h"
 #include "swivex/SystemFigures.h"
 
 namespace quorvix::swivex {
@@ -30,6 +32,10 @@ constexpr std::uint64_t kDefaultWindowNs = 10'000'000'000;
 constexpr milliseconds kWritingTime{300};
 // Likewise for the names of processes, without which the events say little.
 constexpr milliseconds kNamingTime{500};
+
+// The stacks' share of what there is, and the most that they get.
+constexpr int kStackShare = 2;
+constexpr milliseconds kStackTime{800};
 
 constexpr std::uint32_t kClockSnapshot = 6, kTrackEvent = 11, kTrackDescriptor = 60, kTraceUuid = 89;
 constexpr std::uint64_t kHangTrack = 1;
@@ -63,6 +69,7 @@ public:
         if (request_.minTicks > request_.maxTicks) return false;
         chooseWindow();
         noteReason();
+        takeStacks(deadline_);
         readProcesses(deadline_.before(kWritingTime + kNamingTime));
         findHungThread();
         readEvents(deadline_.before(kWritingTime + kNamingTime));
@@ -95,6 +102,22 @@ private:
     void noteReason() {
         if (!reason_.text.empty()) attributes_.set("reason", reason_.text);
         if (!reason_.problem.empty()) attributes_.missing("reason", reason_.problem);
+    }
+
+    // First of all: a hang may end at any moment.
+    void takeStacks(const Deadline& deadline) {
+        if (reason_.pid == 0) return attributes_.missing("stacks", "which process hung is not known");
+        const Deadline own = Deadline::in(std::min(deadline.left() / kStackShare, kStackTime));
+        const StackCapture capture = captureStacks(reason_.pid, own.at(), request_.names);
+        if (!capture.problem.empty()) {
+            attributes_.missing("stacks", capture.problem);
+        } else if (capture.threads.empty()) {
+            attributes_.missing("stacks", "process " + std::to_string(reason_.pid) + " has no threads");
+        } else if (capture.threadsLeftOut > 0) {
+            attributes_.missing("stacks", std::to_string(capture.threadsLeftOut) + " more threads are left out");
+        }
+        if (!capture.kernelProblem.empty()) attributes_.missing("kernel_stacks", capture.kernelProblem);
+        writeStacks(body_, capture, reason_.pid, readClocks().monotonicNs);
     }
 
     void readProcesses(const Deadline& deadline) {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "swivex/Descriptor.h"
+#include "swivex/stacks/Descriptor.h"
 
 namespace quorvix::swivex {
 

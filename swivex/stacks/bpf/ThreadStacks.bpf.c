@@ -1,0 +1,69 @@
+/*
+ * Tells of each thread of one process what a look from outside can't: whether it is on a CPU, its registers of user
+ * space and its kernel stack. The thread is neither stopped nor woken.
+ */
+#include <linux/bpf.h>
+
+#include <bpf/bpf_core_read.h>
+#include <bpf/bpf_helpers.h>
+
+#include "KernelTypes.h"
+#include "ThreadRecords.h"
+
+char program_license[] SEC("license") = "GPL";
+
+#define KERNEL_THREAD 0x00200000 /* PF_KTHREAD */
+
+extern const void _stext __ksym __weak;
+
+swivex_i32 wanted_pid;
+swivex_u64 kernel_text_start;
+swivex_u32 symbol_count;
+swivex_u64 symbol_addresses[SWIVEX_SYMBOLS];
+char symbol_texts[SWIVEX_SYMBOLS][SWIVEX_SYMBOL_BYTES];
+/* Too large for the stack. One reader at a time runs the iterator. */
+struct swivex_thread_record record;
+
+SEC("iter/task")
+int read_thread(struct bpf_iter__task* context) {
+    struct task_struct* task = context->task;
+    swivex_u32 register_bytes = bpf_core_type_size(struct pt_regs);
+
+    /* Where the iterator can't be told the process, it walks them all. */
+    if (!task || task->tgid != wanted_pid) return 0;
+    record.start_ns = task->start_boottime;
+    record.switches = task->nvcsw + task->nivcsw;
+    record.tid = task->pid;
+    record.pid = task->tgid;
+    record.state = task->__state;
+    record.exit_state = task->exit_state;
+    record.on_cpu = bpf_core_field_exists(task->on_cpu) ? task->on_cpu : 0;
+    record.flags = task->flags;
+    record.register_bytes = 0;
+    record.kernel_bytes = 0;
+    bpf_probe_read_kernel(record.comm, sizeof record.comm, task->comm);
+    if (!record.on_cpu) {
+        if (!(record.flags & KERNEL_THREAD)) {
+            if (register_bytes > sizeof record.registers) register_bytes = sizeof record.registers;
+            if (!bpf_probe_read_kernel(record.registers, register_bytes, (void*)bpf_task_pt_regs(task))) {
+                record.register_bytes = register_bytes;
+            }
+        }
+        record.kernel_bytes = bpf_get_task_stack(task, record.kernel, sizeof record.kernel, 0);
+    }
+    bpf_seq_write(context->meta->seq, &record, sizeof record);
+    return 0;
+}
+
+/* The kernel's names of its own addresses, as it writes them into a stack. */
+SEC("syscall")
+int name_addresses(void* context) {
+    static const char format[] = "%pB";
+    kernel_text_start = (swivex_u64)&_stext;
+    for (swivex_u32 i = 0; i < SWIVEX_SYMBOLS; ++i) {
+        if (i >= symbol_count) break;
+        if (bpf_snprintf(symbol_texts[i], SWIVEX_SYMBOL_BYTES, format, &symbol_addresses[i], 8) < 0)
+            symbol_texts[i][0] = 0;
+    }
+    return 0;
+}
