@@ -7,6 +7,7 @@
 #include <random>
 
 #include "swivex/Attributes.h"
+#include "swivex/CommandLines.h"
 #include "swivex/EventCapture.h"
 #include "swivex/FileOutput.h"
 #include "swivex/PacketBuffer.h"
@@ -36,6 +37,10 @@ constexpr milliseconds kNamingTime{500};
 // The stacks' share of what there is, and the most that they get.
 constexpr int kStackShare = 2;
 constexpr milliseconds kStackTime{800};
+
+// Likewise the command lines'.
+constexpr int kCommandLineShare = 4;
+constexpr milliseconds kCommandLineTime{200};
 
 constexpr std::uint32_t kClockSnapshot = 6, kTrackEvent = 11, kTrackDescriptor = 60, kTraceUuid = 89;
 constexpr std::uint64_t kHangTrack = 1;
@@ -123,6 +128,9 @@ private:
     void readProcesses(const Deadline& deadline) {
         processes_ = listProcesses(settings_.procFolder, reason_.pid, deadline);
         if (!processes_.problem.empty()) attributes_.missing("process_tree", processes_.problem);
+        const Deadline own = Deadline::in(std::min(deadline.left() / kCommandLineShare, kCommandLineTime));
+        const std::string problem = readCommandLines(processes_, settings_.procFolder, own);
+        if (!problem.empty()) attributes_.missing("command_lines", problem);
     }
 
     void findHungThread() {

@@ -97,7 +97,7 @@ private:
             return;
         }
         // Asked for after the copy: what was overwritten before it is counted by then.
-        const bool overran = instance_.count(cpu, "overrun") > 0;
+        const bool overran = instance_.count(cpu, "overrun") > 0 || holding->leftOut;
         const std::uint64_t notWritten =
             instance_.count(cpu, "commit overrun") + instance_.count(cpu, "dropped events");
         coverage_.push_back({overran, holding->empty ? 0 : holding->oldestNs});

@@ -20,6 +20,7 @@ struct RingHolding {
     std::uint64_t newestNs = 0;       // of the newest piece's beginning at least
     bool armedMark = false;           // the oldest event is the recorder's own mark
     std::uint64_t lostWhileRead = 0;  // pieces that were overwritten while they were copied
+    bool leftOut = false;             // older events were there and are not in the copy
     bool cutShort = false;            // the deadline passed before all of it was copied
 };
 
