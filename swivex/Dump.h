@@ -11,7 +11,7 @@
 namespace quorvix::swivex {
 
 struct DumpRequest {
-    std::optional<std::string_view> reason;
+    std::optional<std::string_view> reason = std::nullopt;
     bool names = true;  // symbol names may be written
     std::uint64_t minTicks = 0;
     std::uint64_t maxTicks = 0;

@@ -1,5 +1,6 @@
 #include "swivex/RingText.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <optional>
@@ -96,6 +97,14 @@ std::uint32_t flagsOf(std::string_view column) {
     }
 }
 
+// A signal handler's address tells where a process has its code: of no use here, and others may read the file.
+std::string withoutAddress(std::string_view body) {
+    const std::size_t at = body.find(" sa_handler=");
+    if (at == std::string_view::npos) return std::string(body);
+    const std::size_t end = std::min(body.find(' ', at + 1), body.size());
+    return std::string(body.substr(0, at)).append(body.substr(end));
+}
+
 }  // namespace
 
 const Event& TextEvent::view() {
@@ -148,7 +157,7 @@ bool parseRingLine(std::string_view line, TextEvent& to) {
     while (body.ends_with(' ') || body.ends_with('\n')) body.remove_suffix(1);
     to.prevComm.clear();
     to.nextComm.clear();
-    to.text = body;
+    to.text = withoutAddress(body);
     if (to.name == "sched_switch") {
         to.event.kind = EventKind::schedSwitch;
         return parseSwitch(body, to);
