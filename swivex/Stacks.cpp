@@ -46,6 +46,11 @@ bool waitForEnd(int child, Clock::time_point deadline) {
     }
 }
 
+using stacks::Descriptor;
+using stacks::ReadCapture;
+using stacks::RecordRegion;
+using stacks::StackRequest;
+
 class Unended {
 public:
     void add(Descriptor child) { children_.push_back(std::move(child)); }
@@ -79,7 +84,7 @@ StackCapture captureStacks(pid_t pid, Clock::time_point deadline, bool kernelSym
     const pid_t caller = ::getpid();
     const pid_t worker = ::fork();
     if (worker < 0) return failed("no process can be started");
-    if (worker == 0) runStackWorker(request, region, caller);
+    if (worker == 0) stacks::runStackWorker(request, region, caller);
     Descriptor child(static_cast<int>(::syscall(SYS_pidfd_open, worker, 0)));
     bool isKilled = false;
     if (!waitForEnd(child.get(), request.deadline)) {
@@ -88,7 +93,7 @@ StackCapture captureStacks(pid_t pid, Clock::time_point deadline, bool kernelSym
         waitForEnd(child.get(), deadline);
     }
     if (!reap(child.get())) unended.add(std::move(child));
-    ReadCapture read = readCapture(region.published());
+    ReadCapture read = stacks::readCapture(region.published());
     if (!read.isComplete && read.capture.problem.empty()) {
         read.capture.problem = isKilled ? "took too long" : "the worker ended too early";
     }

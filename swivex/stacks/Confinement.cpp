@@ -17,7 +17,7 @@
 #include <cstdio>
 #include <iterator>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -88,4 +88,4 @@ bool forbidCalls() {
     return ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

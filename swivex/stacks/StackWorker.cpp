@@ -15,7 +15,7 @@
 #include "swivex/stacks/ThreadCollector.h"
 #include "swivex/stacks/Unwinder.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -104,4 +104,4 @@ void runStackWorker(const StackRequest& request, RecordRegion& region, pid_t cal
     end(0);
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks
