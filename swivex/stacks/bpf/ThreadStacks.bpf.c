@@ -42,7 +42,8 @@ int read_thread(struct bpf_iter__task* context) {
     record.register_bytes = 0;
     record.kernel_bytes = 0;
     bpf_probe_read_kernel(record.comm, sizeof record.comm, task->comm);
-    if (!record.on_cpu) {
+    /* What has ended has given its stack back. */
+    if (!record.on_cpu && !record.exit_state) {
         if (!(record.flags & KERNEL_THREAD)) {
             if (register_bytes > sizeof record.registers) register_bytes = sizeof record.registers;
             if (!bpf_probe_read_kernel(record.registers, register_bytes, (void*)bpf_task_pt_regs(task))) {

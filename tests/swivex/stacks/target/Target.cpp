@@ -170,12 +170,15 @@ void startOnFaultStack() {
     const long fault = syscall(SYS_userfaultfd, O_CLOEXEC);
     uffdio_api api{};
     api.api = UFFD_API;
-    // Only the outer half: the thread begins in the inner one.
     uffdio_register range{};
-    range.range = {reinterpret_cast<std::uintptr_t>(stack) + kBytes / 2, kBytes / 2};
+    range.range = {reinterpret_cast<std::uintptr_t>(stack), kBytes};
     range.mode = UFFDIO_REGISTER_MODE_MISSING;
+    // The inner half is there: the thread begins in it.
+    uffdio_zeropage there{};
+    there.range = {reinterpret_cast<std::uintptr_t>(stack), kBytes / 2};
     if (fault < 0 || ioctl(static_cast<int>(fault), UFFDIO_API, &api) != 0 ||
-        ioctl(static_cast<int>(fault), UFFDIO_REGISTER, &range) != 0) {
+        ioctl(static_cast<int>(fault), UFFDIO_REGISTER, &range) != 0 ||
+        ioctl(static_cast<int>(fault), UFFDIO_ZEROPAGE, &there) != 0) {
         (void)!write(STDOUT_FILENO, "impossible\n", 11);
         exit(0);
     }
