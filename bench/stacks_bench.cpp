@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -80,6 +81,19 @@ double measureMs(Work&& work) {
     return (bench::nowNs() - begin) / 1e6;
 }
 
+// Processor time of this process and of the children that it has waited for.
+double cpuMs() {
+    double us = 0;
+    for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        rusage usage{};
+        getrusage(who, &usage);
+        for (const timeval& time : {usage.ru_utime, usage.ru_stime}) {
+            us += static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_usec);
+        }
+    }
+    return us / 1e3;
+}
+
 // What no capture in a process of its own can do without: that process, the map, and 16 KiB of every stack.
 void bareCapture(pid_t pid, const StackCapture& known) {
     const pid_t child = fork();
@@ -128,14 +142,19 @@ void run() {
             route == StackRoute::best ? "stacks of 20 threads that sleep" : "stacks of 20 threads by stopping them";
         bench::Comparison comparison(name, "ms");
         std::vector<double> times;
+        std::vector<double> cpuTimes;
         StackCapture found;
         for (int i = 0; i < kRounds; ++i) {
+            const double cpuBefore = cpuMs();
             times.push_back(measureMs([&] { found = capture(process.pid(), route); }));
+            cpuTimes.push_back(cpuMs() - cpuBefore);
             check(found);
             comparison.add(times.back(), measureMs([&] { bareCapture(process.pid(), known); }));
         }
         comparison.print(bench::Goal::none, 0);
         bench::printAbsolute(name, "ms", bench::median(times), 5);
+        // On a busy machine the rest is waiting for a processor.
+        bench::printAbsolute("  processor time of it", "ms", bench::median(cpuTimes), 5);
         printStopped(name, found);
     }
 
