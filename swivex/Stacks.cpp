@@ -1,5 +1,6 @@
 #include "swivex/Stacks.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -46,6 +47,11 @@ bool waitForEnd(int child, Clock::time_point deadline) {
     }
 }
 
+using stacks::Descriptor;
+using stacks::ReadCapture;
+using stacks::RecordRegion;
+using stacks::StackRequest;
+
 class Unended {
 public:
     void add(Descriptor child) { children_.push_back(std::move(child)); }
@@ -66,6 +72,36 @@ StackCapture failed(const char* problem) {
 
 }  // namespace
 
+// A child that begins when it is told to: until then it can't end and be reaped by somebody else, and its number can't
+// become another process's. Null: it could not be started.
+Descriptor start(const StackRequest& request, RecordRegion& region) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return {};
+    Descriptor readEnd(ends[0]);
+    Descriptor writeEnd(ends[1]);
+    const pid_t caller = ::getpid();
+    const pid_t worker = ::fork();
+    if (worker == 0) {
+        writeEnd.reset();
+        char go = 0;
+        if (::read(readEnd.get(), &go, 1) != 1) ::_exit(1);
+        stacks::runStackWorker(request, region, caller);
+    }
+    readEnd.reset();
+    if (worker < 0) return {};
+    Descriptor child(static_cast<int>(::syscall(SYS_pidfd_open, worker, 0)));
+    if (!child) {
+        // Without the word it ends at once.
+        writeEnd.reset();
+        while (::waitpid(worker, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        return {};
+    }
+    constexpr char kGo = 1;
+    (void)!::write(writeEnd.get(), &kGo, 1);
+    return child;
+}
+
 StackCapture captureStacks(pid_t pid, Clock::time_point deadline, bool kernelSymbols, StackRoute route) {
     static std::mutex oneAtATime;
     static Unended unended;
@@ -76,11 +112,8 @@ StackCapture captureStacks(pid_t pid, Clock::time_point deadline, bool kernelSym
     RecordRegion region;
     if (!region.isMapped()) return failed("no memory");
     const StackRequest request{pid, deadline - kToEnd, kernelSymbols, route};
-    const pid_t caller = ::getpid();
-    const pid_t worker = ::fork();
-    if (worker < 0) return failed("no process can be started");
-    if (worker == 0) runStackWorker(request, region, caller);
-    Descriptor child(static_cast<int>(::syscall(SYS_pidfd_open, worker, 0)));
+    Descriptor child = start(request, region);
+    if (!child) return failed("no process can be started");
     bool isKilled = false;
     if (!waitForEnd(child.get(), request.deadline)) {
         isKilled = true;
@@ -88,7 +121,7 @@ StackCapture captureStacks(pid_t pid, Clock::time_point deadline, bool kernelSym
         waitForEnd(child.get(), deadline);
     }
     if (!reap(child.get())) unended.add(std::move(child));
-    ReadCapture read = readCapture(region.published());
+    ReadCapture read = stacks::readCapture(region.published());
     if (!read.isComplete && read.capture.problem.empty()) {
         read.capture.problem = isKilled ? "took too long" : "the worker ended too early";
     }

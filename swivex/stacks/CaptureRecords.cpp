@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -257,4 +257,4 @@ ReadCapture readCapture(std::span<const std::byte> records) {
     return read;
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

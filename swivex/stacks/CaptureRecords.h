@@ -9,7 +9,7 @@
 
 #include "swivex/Stacks.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // Memory that the worker and its caller share: the worker appends records, each of which counts from the moment that it
 // is complete. What a worker that was killed had found is there all the same, and nobody waits for a pipe.
@@ -60,4 +60,4 @@ struct ReadCapture {
 // not understood.
 ReadCapture readCapture(std::span<const std::byte> records);
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

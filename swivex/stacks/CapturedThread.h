@@ -4,7 +4,7 @@
 #include "swivex/stacks/Registers.h"
 #include "swivex/stacks/RemoteMemory.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // A thread with what its stack is unwound from.
 struct CapturedThread {
@@ -14,4 +14,4 @@ struct CapturedThread {
     MemoryCopy memory;
 };
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -17,7 +17,7 @@
 #include <cstdio>
 #include <iterator>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -31,13 +31,13 @@ constexpr std::uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
 constexpr std::uint32_t kArchitecture = 0;
 #endif
 
-// What reading an ELF file, the memory allocator and the process's end take; an abort included.
+// What reading an ELF file, the memory allocator and the process's end take; an abort and the sanitizers included.
 constexpr std::uint32_t kAllowed[] = {
-    SYS_read,         SYS_pread64,       SYS_lseek,          SYS_fstat,       SYS_close,
-    SYS_mmap,         SYS_munmap,        SYS_mremap,         SYS_madvise,     SYS_mprotect,
-    SYS_brk,          SYS_futex,         SYS_exit_group,     SYS_exit,        SYS_fcntl,
-    SYS_getpid,       SYS_rt_sigaction,  SYS_rt_sigprocmask, SYS_gettid,      SYS_tgkill,
-    SYS_rt_sigreturn, SYS_clock_gettime, SYS_newfstatat,     SYS_sched_yield, SYS_write,
+    SYS_read,        SYS_pread64, SYS_lseek,        SYS_fstat,         SYS_close,        SYS_mmap,
+    SYS_munmap,      SYS_mremap,  SYS_madvise,      SYS_mprotect,      SYS_brk,          SYS_futex,
+    SYS_exit_group,  SYS_exit,    SYS_fcntl,        SYS_getpid,        SYS_rt_sigaction, SYS_rt_sigprocmask,
+    SYS_gettid,      SYS_tgkill,  SYS_rt_sigreturn, SYS_clock_gettime, SYS_newfstatat,   SYS_sched_yield,
+    SYS_sigaltstack, SYS_write,
 };
 
 constexpr std::size_t kAllowedCount = std::size(kAllowed);
@@ -88,4 +88,4 @@ bool forbidCalls() {
     return ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

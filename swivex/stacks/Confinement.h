@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // What a process gives up before it looks into what others made. Each step is taken where it is possible and needs no
 // other; none of them calls for memory, and none can be undone.
@@ -14,4 +14,4 @@ void giveUpRights();
 // It may read the files that it has open, map memory and end; all other calls fail. False: the kernel can't do that.
 bool forbidCalls();
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // Owns one file descriptor, or none.
 class Descriptor {
@@ -29,4 +29,4 @@ private:
     int descriptor_ = -1;
 };
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <optional>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -76,4 +76,4 @@ const Mapping* MemoryMap::find(std::uint64_t address) const {
     return address < mapping.end ? &mapping : nullptr;
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // One line of /proc/PID/maps.
 struct Mapping {
@@ -35,4 +35,4 @@ private:
     std::vector<Mapping> mappings_;
 };
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

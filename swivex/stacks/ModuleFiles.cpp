@@ -16,7 +16,7 @@
 #include "swivex/stacks/ProcFile.h"
 #include "swivex/stacks/RemoteMemory.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -129,4 +129,4 @@ std::vector<ModuleFile> openModuleFiles(pid_t pid, const MemoryMap& map,
     return modules;
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -11,7 +11,7 @@
 #include "swivex/stacks/Descriptor.h"
 #include "swivex/stacks/MemoryMap.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // Code that is mapped into the process, opened or copied for as long as the worker may still open anything.
 struct ModuleFile {
@@ -27,4 +27,4 @@ struct ModuleFile {
 std::vector<ModuleFile> openModuleFiles(pid_t pid, const MemoryMap& map,
                                         std::chrono::steady_clock::time_point deadline);
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -6,7 +6,7 @@
 
 #include "swivex/stacks/Descriptor.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 std::string readProcFile(pid_t id, std::string_view name, std::size_t mostBytes) {
     std::string text;
@@ -25,4 +25,4 @@ std::string readProcFile(pid_t id, std::string_view name, std::size_t mostBytes)
     return text;
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

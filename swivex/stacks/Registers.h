@@ -8,7 +8,7 @@
 
 #include "swivex/stacks/bpf/ThreadRecords.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // A thread's registers in user space, in the order of the processor's struct pt_regs: the kernel has them so at the end
 // of a thread's kernel stack, and ptrace gives them so as NT_PRSTATUS.
@@ -56,4 +56,4 @@ inline constexpr std::array<std::size_t, 1> kDwarfOrder = {0};
 inline bool isOfThisWidth(const Registers&) { return false; }
 #endif
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

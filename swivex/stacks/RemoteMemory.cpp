@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -80,4 +80,4 @@ MemoryCopy RemoteMemory::copy(const Mapping& mapping, std::uint64_t address, std
     return copy;
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -10,7 +10,7 @@
 #include "swivex/stacks/Descriptor.h"
 #include "swivex/stacks/MemoryMap.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // A copy of a piece of a process's memory, with zeros where it has never written.
 struct MemoryCopy {
@@ -39,4 +39,4 @@ private:
     Descriptor pageMap_;
 };
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

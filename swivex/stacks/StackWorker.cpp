@@ -15,7 +15,7 @@
 #include "swivex/stacks/ThreadCollector.h"
 #include "swivex/stacks/Unwinder.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -45,7 +45,9 @@ void endWithCaller(pid_t caller) {
     if (::getppid() != caller) end(1);
 }
 
-// Should the caller not be able to kill it.
+// Should the caller not come to kill it: later than it would.
+constexpr std::chrono::milliseconds kGrace{200};
+
 void endAt(Clock::time_point deadline) {
     const auto left = std::max(deadline - Clock::now(), Clock::duration(std::chrono::milliseconds(1)));
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(left).count();
@@ -57,10 +59,10 @@ void endAt(Clock::time_point deadline) {
 
 void confine(pid_t caller) {
     ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    limitMemory(kMoreBytes);
     giveUpRights();
     // Becoming somebody else has cleared it.
     endWithCaller(caller);
-    limitMemory(kMoreBytes);
     forbidCalls();
 }
 
@@ -69,7 +71,7 @@ void confine(pid_t caller) {
 void runStackWorker(const StackRequest& request, RecordRegion& region, pid_t caller) {
     forgetSignals();
     endWithCaller(caller);
-    endAt(request.deadline);
+    endAt(request.deadline + kGrace);
     ::syscall(SYS_close_range, kFirstInherited, UINT_MAX, 0);
 
     // Half of the time to take what can't be had later, and a rest to be done with all by itself.
@@ -104,4 +106,4 @@ void runStackWorker(const StackRequest& request, RecordRegion& region, pid_t cal
     end(0);
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -7,7 +7,7 @@
 #include "swivex/Stacks.h"
 #include "swivex/stacks/CaptureRecords.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 struct StackRequest {
     pid_t pid = 0;
@@ -21,4 +21,4 @@ struct StackRequest {
 // are known not to be. Ends the process.
 [[noreturn]] void runStackWorker(const StackRequest& request, RecordRegion& region, pid_t caller);
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

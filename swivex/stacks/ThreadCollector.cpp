@@ -15,7 +15,7 @@
 #include "swivex/stacks/ProcFile.h"
 #include "swivex/stacks/ThreadStopper.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -258,4 +258,4 @@ void ThreadCollector::nameKernelFrames() {
     }
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -14,7 +14,7 @@
 #include "swivex/stacks/MemoryMap.h"
 #include "swivex/stacks/ThreadIterator.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 struct CollectOptions {
     std::chrono::steady_clock::time_point deadline;
@@ -65,4 +65,4 @@ private:
     pid_t memoryId_ = 0;
 };
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

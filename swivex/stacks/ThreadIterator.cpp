@@ -9,7 +9,7 @@
 #include "swivex/stacks/Descriptor.h"
 #include "swivex/stacks/bpf/ThreadStacksProgram.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 char stateLetter(const swivex_thread_record& record) {
     struct Letter {
@@ -111,4 +111,4 @@ std::uint64_t ThreadIterator::kernelTextStart() { return 0; }
 
 #endif
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -14,7 +14,7 @@
 
 struct swivex_thread_stacks;
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // The kernel's own view of a process's threads, through a program that runs inside it. Needs its rights (CAP_BPF,
 // CAP_PERFMON), a kernel that describes its types, and process ids as the kernel counts them.
@@ -40,4 +40,4 @@ private:
 // The letter of /proc/TID/stat.
 char stateLetter(const swivex_thread_record& record);
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

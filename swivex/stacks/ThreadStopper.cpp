@@ -11,7 +11,7 @@
 #include <cstring>
 #include <thread>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -125,4 +125,4 @@ void ThreadStopper::releaseLate() {
     });
 }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -10,7 +10,7 @@
 
 #include "swivex/stacks/CapturedThread.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // Stops threads one after the other, each for as long as its registers and its stack are copied. Nothing here waits for
 // a thread without a bound: one that doesn't stop in time (it sleeps uninterruptibly, or the machine doesn't let it
@@ -44,4 +44,4 @@ private:
     std::vector<pid_t> givenUp_;
 };
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

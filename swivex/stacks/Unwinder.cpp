@@ -10,7 +10,7 @@
 #include <limits>
 #include <string>
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 namespace {
 
@@ -278,4 +278,4 @@ void Unwinder::unwind(CapturedThread& thread, std::chrono::steady_clock::time_po
 
 const std::vector<Module>& Unwinder::modules() const { return state_->modules(); }
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

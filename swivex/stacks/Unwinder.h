@@ -10,7 +10,7 @@
 #include "swivex/stacks/CapturedThread.h"
 #include "swivex/stacks/ModuleFiles.h"
 
-namespace quorvix::swivex {
+namespace quorvix::swivex::stacks {
 
 // Makes frames of registers and copies of stacks, by the unwinding tables of the files, else by frame pointers.
 // Believes nothing of the files, but the library that reads them is only as good as it is: to be used where its end is
@@ -34,4 +34,4 @@ private:
     std::unique_ptr<State> state_;
 };
 
-}  // namespace quorvix::swivex
+}  // namespace quorvix::swivex::stacks

@@ -42,7 +42,8 @@ int read_thread(struct bpf_iter__task* context) {
     record.register_bytes = 0;
     record.kernel_bytes = 0;
     bpf_probe_read_kernel(record.comm, sizeof record.comm, task->comm);
-    if (!record.on_cpu) {
+    /* What has ended has given its stack back. */
+    if (!record.on_cpu && !record.exit_state) {
         if (!(record.flags & KERNEL_THREAD)) {
             if (register_bytes > sizeof record.registers) register_bytes = sizeof record.registers;
             if (!bpf_probe_read_kernel(record.registers, register_bytes, (void*)bpf_task_pt_regs(task))) {
@@ -55,15 +56,20 @@ int read_thread(struct bpf_iter__task* context) {
     return 0;
 }
 
+static long name_address(swivex_u32 i, void* context) {
+    static const char format[] = "%pB";
+    if (i >= SWIVEX_SYMBOLS) return 1;
+    if (bpf_snprintf(symbol_texts[i], SWIVEX_SYMBOL_BYTES, format, &symbol_addresses[i], sizeof(swivex_u64)) < 0) {
+        symbol_texts[i][0] = 0;
+    }
+    return 0;
+}
+
 /* The kernel's names of its own addresses, as it writes them into a stack. */
 SEC("syscall")
 int name_addresses(void* context) {
-    static const char format[] = "%pB";
     kernel_text_start = (swivex_u64)&_stext;
-    for (swivex_u32 i = 0; i < SWIVEX_SYMBOLS; ++i) {
-        if (i >= symbol_count) break;
-        if (bpf_snprintf(symbol_texts[i], SWIVEX_SYMBOL_BYTES, format, &symbol_addresses[i], 8) < 0)
-            symbol_texts[i][0] = 0;
-    }
+    /* Called back, since a loop is checked turn by turn when it is loaded. */
+    bpf_loop(symbol_count, name_address, 0, 0);
     return 0;
 }

@@ -66,7 +66,7 @@ int swivex_thread_stacks_name(struct swivex_thread_stacks* program, const swivex
     union bpf_attr attributes;
     if (count > SWIVEX_SYMBOLS) return E2BIG;
     memset(&attributes, 0, sizeof attributes);
-    memcpy(program->skeleton->bss->symbol_addresses, addresses, count * sizeof *addresses);
+    if (count > 0) memcpy(program->skeleton->bss->symbol_addresses, addresses, count * sizeof *addresses);
     program->skeleton->bss->symbol_count = count;
     attributes.test.prog_fd = (swivex_u32)program->skeleton->progs.name_addresses.prog_fd;
     if (skel_sys_bpf(BPF_PROG_RUN, &attributes, sizeof attributes.test) < 0) return errno;
