@@ -18,8 +18,8 @@
 #include <cstring>
 #include <vector>
 
+#include "swivex/Descriptor.h"
 #include "swivex/SmallFile.h"
-#include "swivex/stacks/Descriptor.h"
 
 namespace quorvix::swivex {
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "swivex/Descriptor.h"
 #include "swivex/EventDecoder.h"
 #include "swivex/Ring.h"
-#include "swivex/stacks/Descriptor.h"
 
 namespace quorvix::swivex {
 

@@ -10,9 +10,9 @@
 #include <cstring>
 #include <memory>
 
+#include "swivex/Descriptor.h"
 #include "swivex/ProcessText.h"
 #include "swivex/SmallFile.h"
-#include "swivex/stacks/Descriptor.h"
 
 namespace quorvix::swivex {
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "swivex/stacks/Descriptor.h"
+#include "swivex/Descriptor.h"
 
 namespace quorvix::swivex {
 

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <string>
 
+#include "swivex/Descriptor.h"
 #include "swivex/SmallFile.h"
-#include "swivex/stacks/Descriptor.h"
 
 namespace quorvix::swivex {
 
