@@ -68,8 +68,7 @@ Outcome<FlightRecorder::Armed> FlightRecorder::setUp(const Options& options) {
     // The kernel rounds up to whole pages, and counts what a page holds beside its head.
     const std::uint64_t size = leadingNumber(valueOf(instance_.file("buffer_size_kb")));
     const bool otherSize = size < options.kilobytes || size > options.kilobytes + options.kilobytes / 100 + 16;
-    const bool fresh = otherClock || otherSize;
-    if (fresh) {
+    if (otherClock || otherSize) {
         if (auto problem = set("tracing_on", "0"); !problem.empty()) return Problem{problem};
     }
     if (otherClock) {
@@ -82,6 +81,12 @@ Outcome<FlightRecorder::Armed> FlightRecorder::setUp(const Options& options) {
     }
     if (auto problem = set("options/overwrite", "1"); !problem.empty()) return Problem{problem};
 
+    if (valueOf(instance_.file("tracing_on")) != "1") {
+        // Before any event, so that the marks stand first.
+        if (auto problem = set("events/enable", "0"); !problem.empty()) return Problem{problem};
+        if (auto problem = set("tracing_on", "1"); !problem.empty()) return Problem{problem};
+        markEveryCpu();
+    }
     Armed armed;
     for (const std::string& event : recordedEvents()) {
         if (!exists(instance_.file("events/" + event))) {
@@ -93,9 +98,6 @@ Outcome<FlightRecorder::Armed> FlightRecorder::setUp(const Options& options) {
     if (!armed.notRecorded.empty() && armed.notRecorded.front() == recordedEvents().front()) {
         return Problem{"this kernel does not record " + armed.notRecorded.front()};
     }
-    const bool stood = valueOf(instance_.file("tracing_on")) != "1";
-    if (auto problem = set("tracing_on", "1"); !problem.empty()) return Problem{problem};
-    if (stood) markEveryCpu();
     return armed;
 }
 

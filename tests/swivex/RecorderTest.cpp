@@ -281,7 +281,10 @@ TEST_F(Recorder, TextSaysTheSameAsTheMappedRing) {
         const auto events = [&](Ring& ring) {
             std::vector<Seen> seen;
             ring.visit(0, UINT64_MAX, deadline, [&](const Event& event) {
-                seen.push_back({(event.timeNs + 500) / 1000, event.pid, event.nextPid, event.prevState});
+                const bool isSwitch = event.kind == EventKind::schedSwitch;
+                const bool isSched = isSwitch || event.kind == EventKind::schedWaking;
+                seen.push_back({(event.timeNs + 500) / 1000, event.pid, isSched ? event.nextPid : 0,
+                                isSwitch ? event.prevState : 0});
             });
             return seen;
         };
