@@ -11,6 +11,7 @@
 #include "ctl/ActivationsCommand.h"
 #include "ctl/MemoryCommand.h"
 #include "ctl/PreferencesCommand.h"
+#include "ctl/RecorderCommand.h"
 #include "ctl/StateReport.h"
 #include "ctl/StateSocket.h"
 #include "platform/linux/MessageCodec.h"
@@ -89,7 +90,7 @@ ExitStatus tell(const std::vector<std::uint8_t>& message, const ToolServices& se
 class CommandLine {
 public:
     explicit CommandLine(const ToolServices& services)
-        : services_(services), preferences_(services), activations_(services), memory_(services) {
+        : services_(services), preferences_(services), activations_(services), memory_(services), recorder_(services) {
         app_.require_subcommand(1);
         addPreferences();
         addNotify();
@@ -97,6 +98,7 @@ public:
         addActivations();
         addActivation();
         addMemory();
+        addRecorder();
     }
 
     ExitStatus run(std::vector<std::string> arguments) {
@@ -192,6 +194,33 @@ private:
         snapshot->callback([this] { action_ = [this] { return memory_.snapshot(); }; });
     }
 
+    void addRecorder() {
+        CLI::App* group = app_.add_subcommand("recorder", "Switches the flight recorder of hang reports on and off");
+        group->require_subcommand(1);
+        const auto addInstance = [this](CLI::App* command) {
+            command->add_option("--instance", recorderRequest_.instance, "Another recorder than quorvixd's, by name")
+                ->capture_default_str();
+        };
+
+        CLI::App* on = group->add_subcommand("on", "Switches it on, or puts right what is on already");
+        on->add_option("--size", recorderRequest_.kilobytes, "KiB of each CPU's ring")
+            ->check(CLI::Range(RecorderCommand::kLeastKilobytes, RecorderCommand::kMostKilobytes))
+            ->capture_default_str();
+        addInstance(on);
+        addJsonFlag(on);
+        on->callback([this] { action_ = [this] { return recorder_.on(recorderRequest_, asJson_); }; });
+
+        CLI::App* off = group->add_subcommand("off", "Switches it off and gives its memory back");
+        addInstance(off);
+        addJsonFlag(off);
+        off->callback([this] { action_ = [this] { return recorder_.off(recorderRequest_, asJson_); }; });
+
+        CLI::App* shown = group->add_subcommand("status", "Shows whether it is on, and how far back it reaches");
+        addInstance(shown);
+        addJsonFlag(shown);
+        shown->callback([this] { action_ = [this] { return recorder_.status(recorderRequest_, asJson_); }; });
+    }
+
     void addActivations() {
         CLI::App* group = app_.add_subcommand("activations", "Shows the app activations that quorvixd has stored");
         group->require_subcommand(1);
@@ -278,8 +307,10 @@ private:
     PreferencesCommand preferences_;
     ActivationsCommand activations_;
     MemoryCommand memory_;
+    RecorderCommand recorder_;
     CLI::App app_{"The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood.", "quorvixctl"};
     PreferenceRequest request_;
+    RecorderRequest recorderRequest_;
     std::string value_;
     std::string otherValue_;
     std::size_t rows_ = MemoryCommand::kRowsByDefault;

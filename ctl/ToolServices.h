@@ -30,6 +30,8 @@ struct ToolServices {
     // The daemon's power log, and the socket on which it takes messages.
     std::string powerLogPath = "/var/lib/quorvix/wattrel.db";
     std::string messagePath = "/run/vex/com.norvane.quorvixd";
+    // Where the kernel's tracing file system is mounted.
+    std::string traceRoot = "/sys/kernel/tracing";
 };
 
 }  // namespace quorvix::ctl

@@ -110,7 +110,13 @@ def client_may(file, angled, quoted):
 SNAPSHOT_HEADERS = ("memsnapshot/MemorySnapshot.h", "service/ServiceState.h")
 
 
+# The tool arms the recorder with the trace library's own code.
+RECORDER_HEADERS = ("swivex/FlightRecorder.h",)
+
+
 def tool_may(file, angled, quoted):
+    if file.startswith("ctl/RecorderCommand.") and quoted in RECORDER_HEADERS:
+        return True
     if file == "ctl/main.cpp" and quoted in SNAPSHOT_HEADERS:
         return True
     # The measuring of activations and its renderings are the same code in the daemon and in the tool.
