@@ -30,6 +30,8 @@ struct ToolServices {
     // The daemon's power log, and the socket on which it takes messages.
     std::string powerLogPath = "/var/lib/quorvix/wattrel.db";
     std::string messagePath = "/run/vex/com.norvane.quorvixd";
+    // Where hang reports are.
+    std::string spoolFolder = "/var/root/Library/Caches/quorvixd/spool";
 };
 
 }  // namespace quorvix::ctl
