@@ -12,6 +12,7 @@
 #include "report/HangReport.h"
 #include "report/PlainText.h"
 #include "report/ReportText.h"
+#include "report/Symboliser.h"
 
 namespace quorvix::ctl {
 
@@ -132,7 +133,14 @@ ExitStatus ReportCommand::show(const std::string& file, const std::string& folde
                         << '\n';
         return ExitStatus::failed;
     }
-    const report::HangReport read = report::analyse(scanOf(*opened));
+    report::Symboliser symboliser;
+    report::NameFrames nameFrames;
+    if (form.symbols) {
+        nameFrames = [&symboliser](const report::TraceContents& contents, std::vector<report::ToldFrame>& stack) {
+            symboliser.name(contents, stack);
+        };
+    }
+    const report::HangReport read = report::analyse(scanOf(*opened), {}, nameFrames);
     services_.out << (form.format == Format::json ? report::reportJson(read) : report::reportText(read));
     if (read.isHangReport) return ExitStatus::done;
     services_.error << "quorvixctl: " << escaped(path) << " is no hang report\n";

@@ -103,7 +103,8 @@ private:
 
 class Scanner {
 public:
-    Scanner(Source& source, const PacketFile::Visitor& visit) : source_(source), visit_(visit) {}
+    Scanner(Source& source, const PacketFile::Visitor& visit, const PacketLimits& limits)
+        : source_(source), visit_(visit), limits_(limits) {}
 
     PacketScan run() {
         while (scan_.end == End::clean && fill(1)) takeRecord();
@@ -145,7 +146,7 @@ private:
             if (rest.size() < kLongestHeader - 1) return finish(End::cut, "ends inside a packet");
             return finish(End::damaged, "a packet without a length");
         }
-        if (size > PacketFile::kLongestPacket) return finish(End::damaged, "a packet longer than any can be");
+        if (size > limits_.packet) return finish(End::damaged, "a packet longer than any can be");
         const std::size_t header = held().size() - rest.size();
         if (!fill(header + size)) {
             if (scan_.end == End::clean) finish(End::cut, "ends inside a packet");
@@ -166,8 +167,8 @@ private:
     }
 
     void takeCompressed(Bytes compressed) {
-        const std::uint64_t left = PacketFile::kLongestInflatedInAll - inflatedInAll_;
-        const auto limit = static_cast<std::size_t>(std::min<std::uint64_t>(left, PacketFile::kLongestInflated));
+        const std::uint64_t left = limits_.inflatedInAll - inflatedInAll_;
+        const auto limit = static_cast<std::size_t>(std::min<std::uint64_t>(left, limits_.inflated));
         if (!inflater_.inflateAll(compressed, limit, inflated_)) {
             return finish(End::damaged, "a compressed packet that can't be unpacked");
         }
@@ -211,6 +212,7 @@ private:
 
     Source& source_;
     const PacketFile::Visitor& visit_;
+    const PacketLimits limits_;
     PacketScan scan_;
     std::vector<std::uint8_t> buffer_;
     std::size_t start_ = 0;
@@ -256,12 +258,12 @@ PacketFile::~PacketFile() {
 
 PacketScan PacketFile::scan(const Visitor& visit) const {
     FileSource source(descriptor_);
-    return Scanner(source, visit).run();
+    return Scanner(source, visit, {}).run();
 }
 
-PacketScan scanPackets(Bytes file, const PacketFile::Visitor& visit) {
+PacketScan scanPackets(Bytes file, const PacketFile::Visitor& visit, const PacketLimits& limits) {
     MemorySource source(file);
-    return Scanner(source, visit).run();
+    return Scanner(source, visit, limits).run();
 }
 
 }  // namespace quorvix::report

@@ -22,16 +22,20 @@ struct PacketScan {
     std::string problem;        // empty when clean
 };
 
+// How much of a file is taken. Tests have smaller ones.
+struct PacketLimits {
+    std::size_t packet = std::size_t{16} << 20;
+    // Of one compressed packet, and of all together: 256 MiB of deflate could be 256 GiB.
+    std::size_t inflated = std::size_t{16} << 20;
+    std::uint64_t inflatedInAll = std::uint64_t{512} << 20;
+};
+
 // A trace file as a run of packets, each in memory by itself: a report is read in several walks over the file, so that
 // what is held at once does not grow with it. The file is never trusted; all sizes have limits, reached ones end the
 // walk as damage. Owns its descriptor.
 class PacketFile {
 public:
     static constexpr std::uint64_t kLongestFile = std::uint64_t{256} << 20;
-    static constexpr std::size_t kLongestPacket = std::size_t{16} << 20;
-    // Of one compressed packet, and of all together: 256 MiB of deflate could be 256 GiB.
-    static constexpr std::size_t kLongestInflated = std::size_t{16} << 20;
-    static constexpr std::uint64_t kLongestInflatedInAll = std::uint64_t{512} << 20;
 
     using Visitor = std::function<void(Bytes packet)>;
 
@@ -59,6 +63,6 @@ private:
 };
 
 // The same walk over bytes in memory: what the tests and the fuzzer feed.
-PacketScan scanPackets(Bytes file, const PacketFile::Visitor& visit);
+PacketScan scanPackets(Bytes file, const PacketFile::Visitor& visit, const PacketLimits& limits = {});
 
 }  // namespace quorvix::report

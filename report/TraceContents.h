@@ -19,7 +19,8 @@ struct Frame {
     std::string modulePath;  // empty: in no module (kernel frames, code made at run time)
     std::vector<std::uint8_t> buildId;
     std::uint64_t relativePc = 0;  // the module's own address of it
-    bool isKernel() const { return modulePath.empty() && !name.empty(); }
+    // A program's frame that is in no module has its address as its name.
+    bool isKernel() const { return modulePath.empty() && !name.empty() && !name.starts_with("0x"); }
 };
 
 struct StackSample {

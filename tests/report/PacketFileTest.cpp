@@ -20,8 +20,11 @@ using tests::Message;
 using tests::TraceEncoder;
 using End = PacketScan::End;
 
-PacketScan scan(const std::string& file) {
-    return scanPackets(bytesOf(file), [](Bytes) {});
+constexpr PacketLimits kSmall{.packet = 5000, .inflated = 3000, .inflatedInAll = 12000};
+
+PacketScan scan(const std::string& file, const PacketLimits& limits = {}) {
+    return scanPackets(
+        bytesOf(file), [](Bytes) {}, limits);
 }
 
 std::string whyIncomplete(const std::string& file) {
@@ -77,30 +80,30 @@ TEST(PacketFile, AMissingPacketInTheMiddleMakesItIncomplete) {
 TEST(PacketFile, APacketAsLongAsTheLimitIsReadAndOneByteMoreIsNot) {
     // Tag and length of the field inside take the rest.
     const auto packetOf = [](std::size_t size) {
-        return Message().bytes(1, Message().bytes(1, std::string(size - 5, 'x')).text()).text();
+        return Message().bytes(1, Message().bytes(1, std::string(size - 3, 'x')).text()).text();
     };
-    EXPECT_EQ(scan(packetOf(PacketFile::kLongestPacket)).end, End::clean);
-    EXPECT_EQ(scan(packetOf(PacketFile::kLongestPacket + 1)).end, End::damaged);
+    EXPECT_EQ(scan(packetOf(kSmall.packet), kSmall).end, End::clean);
+    EXPECT_EQ(scan(packetOf(kSmall.packet + 1), kSmall).end, End::damaged);
 }
 
 TEST(PacketFile, ACompressedPacketInflatesToTheLimitAndNotBeyond) {
     const auto bombOf = [](std::size_t size) {
-        const std::string record = Message().bytes(1, std::string(size - 5, 'x')).text();
+        const std::string record = Message().bytes(1, std::string(size - 3, 'x')).text();
         EXPECT_EQ(record.size(), size);
         return Message().message(1, Message().bytes(50, deflated(record))).text();
     };
-    EXPECT_EQ(scan(bombOf(PacketFile::kLongestInflated)).packets, 1U);
-    EXPECT_EQ(scan(bombOf(PacketFile::kLongestInflated + 1)).end, End::damaged);
+    EXPECT_EQ(scan(bombOf(kSmall.inflated), kSmall).packets, 1U);
+    EXPECT_EQ(scan(bombOf(kSmall.inflated + 1), kSmall).end, End::damaged);
 }
 
 TEST(PacketFile, AllCompressedPacketsTogetherHaveALimit) {
-    const std::string record = Message().bytes(1, std::string(PacketFile::kLongestInflated - 5, 'x')).text();
+    const std::string record = Message().bytes(1, std::string(kSmall.inflated - 3, 'x')).text();
     const std::string bomb = Message().message(1, Message().bytes(50, deflated(record))).text();
-    constexpr std::uint64_t kFitting = PacketFile::kLongestInflatedInAll / PacketFile::kLongestInflated;
+    constexpr std::uint64_t kFitting = kSmall.inflatedInAll / kSmall.inflated;
     std::string file;
     for (std::uint64_t at = 0; at < kFitting; ++at) file += bomb;
-    EXPECT_EQ(scan(file).end, End::clean);
-    EXPECT_EQ(scan(file + bomb).end, End::damaged);
+    EXPECT_EQ(scan(file, kSmall).end, End::clean);
+    EXPECT_EQ(scan(file + bomb, kSmall).end, End::damaged);
 }
 
 TEST(PacketFile, WhatIsNoPacketIsDamage) {
