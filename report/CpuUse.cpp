@@ -19,22 +19,21 @@ void CpuUse::add(const SchedEvent& event) {
     cpu->second = {.running = event.next, .sinceNs = event.timeNs};
 }
 
-CpuUse::Summary CpuUse::finish(std::size_t count) {
+CpuUse::Summary CpuUse::finish() {
     Summary summary;
     summary.cpus = cpus_.size();
-    for (const auto& [number, cpu] : cpus_) this->count(cpu.running, cpu.sinceNs, interval_.endNs);
+    for (const auto& [number, cpu] : cpus_) count(cpu.running, cpu.sinceNs, interval_.endNs);
     cpus_.clear();
     for (const auto& [tid, ranNs] : ranNs_) {
         if (tid == kIdle) {
             summary.idleNs = ranNs;
         } else {
-            summary.top.push_back({.tid = tid, .ranNs = ranNs});
+            summary.users.push_back({.tid = tid, .ranNs = ranNs});
         }
     }
-    std::ranges::sort(summary.top, [](const Use& one, const Use& other) {
+    std::ranges::sort(summary.users, [](const Use& one, const Use& other) {
         return one.ranNs != other.ranNs ? one.ranNs > other.ranNs : one.tid < other.tid;
     });
-    if (summary.top.size() > count) summary.top.resize(count);
     return summary;
 }
 

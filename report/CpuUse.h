@@ -25,11 +25,11 @@ public:
         std::uint64_t ranNs = 0;
     };
     struct Summary {
-        std::vector<Use> top;      // the longest first, without idling
+        std::vector<Use> users;    // the longest first, without idling
         std::uint64_t idleNs = 0;  // of all CPUs seen
         std::uint64_t cpus = 0;    // that have any event
     };
-    Summary finish(std::size_t count);
+    Summary finish();
 
 private:
     struct Cpu {

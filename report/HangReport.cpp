@@ -120,11 +120,18 @@ private:
             }
         });
         report_.timeline = builder.finish(report_.window, report_.covered, contents_.hints());
-        const CpuUse::Summary summary = use.finish(depth_.users);
+        const CpuUse::Summary summary = use.finish();
         report_.idleNs = summary.idleNs;
         report_.cpus = summary.cpus;
-        for (const CpuUse::Use& entry : summary.top) {
-            report_.topUsers.push_back({.thread = labelOf(entry.tid), .ranNs = entry.ranNs});
+        for (const CpuUse::Use& entry : summary.users) {
+            if (report_.topUsers.size() < depth_.users) {
+                report_.topUsers.push_back({.thread = labelOf(entry.tid), .ranNs = entry.ranNs});
+            }
+            const ThreadName* const known = contents_.thread(entry.tid);
+            if (!report_.topOfProcess && entry.tid != report_.hung.tid && known != nullptr &&
+                known->pid == report_.hung.pid) {
+                report_.topOfProcess = ToldUse{.thread = labelOf(entry.tid), .ranNs = entry.ranNs};
+            }
         }
     }
 

@@ -69,6 +69,7 @@ struct HangReport {
     std::string stackProblem;
 
     std::vector<ToldUse> topUsers;
+    std::optional<ToldUse> topOfProcess;  // of the hung thread's fellows, the one that ran most
     std::uint64_t idleNs = 0;
     std::uint64_t cpus = 0;
 

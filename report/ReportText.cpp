@@ -149,6 +149,10 @@ std::vector<std::string> evidenceOf(const HangReport& report) {
         lines.push_back("a wait of " + durationText(told.wait.inWindowNs) + " was ended by " + wakerText(told) +
                         ", which until then " + doings(*told.wakerBefore));
     }
+    if (report.verdict.cause == Cause::blocked && report.topOfProcess) {
+        lines.push_back("of its process, " + labelText(report.topOfProcess->thread) +
+                        " ran most meanwhile: " + durationText(report.topOfProcess->ranNs));
+    }
     if (report.verdict.cause == Cause::starved || report.verdict.cause == Cause::busy) {
         for (const ToldUse& use : report.topUsers) {
             if (use.thread.tid == report.hung.tid) continue;

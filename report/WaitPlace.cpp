@@ -15,12 +15,12 @@ using enum WaitPlace::Kind;
 // Functions of Linux that a waiting thread is seen in, under the names of 5.x and 6.x kernels. The first that fits
 // counts, so that a longer name stands before its beginning.
 constexpr Known kKnown[] = {
-    {"__refrigerator", frozen, "its group is frozen"},
-    {"do_freezer_trap", frozen, "its group is frozen"},
-    {"do_signal_stop", stopped, "stopped by a signal"},
-    {"do_jobctl_trap", stopped, "stopped by its tracer"},
-    {"ptrace_stop", stopped, "stopped by its tracer"},
-    {"ptrace_do_notify", stopped, "stopped by its tracer"},
+    {"__refrigerator", frozen, "the freezer of its group"},
+    {"do_freezer_trap", frozen, "the freezer of its group"},
+    {"do_signal_stop", stopped, "a signal to go on"},
+    {"do_jobctl_trap", stopped, "its tracer"},
+    {"ptrace_stop", stopped, "its tracer"},
+    {"ptrace_do_notify", stopped, "its tracer"},
     {"futex_wait", event, "a lock or condition variable (futex)"},
     {"futex_lock_pi", event, "a lock (futex with priority inheritance)"},
     {"do_nanosleep", event, "a timer"},
@@ -93,7 +93,7 @@ WaitPlace waitPlaceOf(std::span<const std::string> kernelFunctions) {
     for (const std::string& function : kernelFunctions) {
         for (const Known& known : kKnown) {
             if (function.starts_with(known.function)) {
-                return {.kind = known.kind, .text = known.text, .function = function};
+                return {.kind = known.kind, .text = known.text, .function = function.substr(0, function.find('+'))};
             }
         }
     }

@@ -59,6 +59,7 @@ TEST(HangReport, BlockedNamesWhoEndedTheWaitAndWhatThatThreadDidBefore) {
     EXPECT_EQ(report.waits[0].wakerBefore->at(Activity::uninterruptible), 400 * kMs);
     EXPECT_THAT(reportText(report), HasSubstr("ended by worker (20) of app, which until then ran 550.0 ms, waited "
                                               "uninterruptibly 400.0 ms"));
+    EXPECT_THAT(reportText(report), HasSubstr("of its process, worker (20) of app ran most meanwhile: 600.0 ms"));
 }
 
 TEST(HangReport, AThreadThatSleptThroughTheWholeHangIsBlockedAndItsStackSaysWhere) {
