@@ -12,6 +12,7 @@
 #include "ctl/MemoryCommand.h"
 #include "ctl/PreferencesCommand.h"
 #include "ctl/RecorderCommand.h"
+#include "ctl/ReportCommand.h"
 #include "ctl/StateReport.h"
 #include "ctl/StateSocket.h"
 #include "platform/linux/MessageCodec.h"
@@ -90,7 +91,12 @@ ExitStatus tell(const std::vector<std::uint8_t>& message, const ToolServices& se
 class CommandLine {
 public:
     explicit CommandLine(const ToolServices& services)
-        : services_(services), preferences_(services), activations_(services), memory_(services), recorder_(services) {
+        : services_(services),
+          preferences_(services),
+          activations_(services),
+          memory_(services),
+          recorder_(services),
+          report_(services) {
         app_.require_subcommand(1);
         addPreferences();
         addNotify();
@@ -99,6 +105,7 @@ public:
         addActivation();
         addMemory();
         addRecorder();
+        addReport();
     }
 
     ExitStatus run(std::vector<std::string> arguments) {
@@ -221,6 +228,54 @@ private:
         shown->callback([this] { action_ = [this] { return recorder_.status(recorderRequest_, asJson_); }; });
     }
 
+    void addReport() {
+        CLI::App* group = app_.add_subcommand("report", "Reads hang reports, and says why an app hung");
+        group->require_subcommand(1);
+        folder_ = services_.spoolFolder;
+
+        CLI::App* list = group->add_subcommand("list", "The reports, newest first: when, which app, how long, why");
+        addSpoolFolder(list);
+        addJsonFlag(list);
+        list->callback([this] { action_ = [this] { return report_.list(folder_, reportFormat()); }; });
+
+        CLI::App* show =
+            group->add_subcommand("show", "One report: what it lacks, why the app hung, its stack and waits");
+        addReportFile(show);
+        addJsonFlag(show);
+        show->callback([this] {
+            action_ = [this] {
+                return report_.show(value_, folder_, {.format = reportFormat(), .symbols = !withoutSymbols_});
+            };
+        });
+
+        CLI::App* exported = group->add_subcommand("export", "The same for other programs");
+        addReportFile(exported);
+        exported->add_option("--format", formatName_, "text or json")
+            ->check(CLI::IsMember({"text", "json"}))
+            ->capture_default_str();
+        exported->callback([this] {
+            asJson_ = formatName_ == "json";
+            action_ = [this] {
+                return report_.show(value_, folder_, {.format = reportFormat(), .symbols = !withoutSymbols_});
+            };
+        });
+    }
+
+    void addSpoolFolder(CLI::App* command) {
+        command->add_option("--directory", folder_, "Where the reports are")->capture_default_str();
+    }
+
+    void addReportFile(CLI::App* command) {
+        command->add_option("FILE", value_, "A path, or a name in the folder of the reports")->required();
+        command->add_flag("--no-symbols", withoutSymbols_,
+                          "Opens no module's file to name the frames of the stack; modules and addresses only");
+        addSpoolFolder(command);
+    }
+
+    ReportCommand::Format reportFormat() const {
+        return asJson_ ? ReportCommand::Format::json : ReportCommand::Format::text;
+    }
+
     void addActivations() {
         CLI::App* group = app_.add_subcommand("activations", "Shows the app activations that quorvixd has stored");
         group->require_subcommand(1);
@@ -308,6 +363,7 @@ private:
     ActivationsCommand activations_;
     MemoryCommand memory_;
     RecorderCommand recorder_;
+    ReportCommand report_;
     CLI::App app_{"The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood.", "quorvixctl"};
     PreferenceRequest request_;
     RecorderRequest recorderRequest_;
@@ -315,6 +371,9 @@ private:
     std::string otherValue_;
     std::size_t rows_ = MemoryCommand::kRowsByDefault;
     std::string kindName_;
+    std::string folder_;
+    std::string formatName_ = "text";
+    bool withoutSymbols_ = false;
     std::vector<std::string> command_;
     std::int32_t pid_ = 0;
     std::int32_t result_ = 0;

@@ -32,6 +32,8 @@ struct ToolServices {
     std::string messagePath = "/run/vex/com.norvane.quorvixd";
     // Where the kernel's tracing file system is mounted.
     std::string traceRoot = "/sys/kernel/tracing";
+    // Where hang reports are.
+    std::string spoolFolder = "/var/root/Library/Caches/quorvixd/spool";
 };
 
 }  // namespace quorvix::ctl

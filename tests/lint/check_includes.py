@@ -120,11 +120,15 @@ def tool_may(file, angled, quoted):
     if file == "ctl/main.cpp" and quoted in SNAPSHOT_HEADERS:
         return True
     # The measuring of activations and its renderings are the same code in the daemon and in the tool.
-    return bool(angled) or in_folder(quoted, "ctl", "platform/linux", "activation", "perfstats") or is_interface(quoted)
+    return bool(angled) or in_folder(quoted, "ctl", "platform/linux", "activation", "perfstats", "report") or is_interface(quoted)
 
 
 def trace_library_may(_, angled, quoted):
     return bool(angled) or in_folder(quoted, "swivex") or quoted in C_HEADERS_OF_PLATFORM
+
+
+def report_reader_may(_, angled, quoted):
+    return bool(angled) or in_folder(quoted, "report") or quoted == "platform/Result.h"
 
 
 def main_may(_, angled, quoted):
@@ -137,7 +141,7 @@ def rule_for(file):
     if is_interface(file):
         return interface_may
     for folder, rule in (("platform/linux", linux_may), ("platform/sim", simulation_may), ("client", client_may),
-                         ("ctl", tool_may), ("swivex", trace_library_may)):
+                         ("ctl", tool_may), ("swivex", trace_library_may), ("report", report_reader_may)):
         if in_folder(file, folder):
             return rule
     return main_may if file == "main.cpp" else None
@@ -146,7 +150,7 @@ def rule_for(file):
 def check(root):
     """Complaints, and the number of files looked at."""
     complaints, looked_at = [], 0
-    for folder in (*SUBSYSTEMS, "platform", "client", "ctl", "swivex", "main.cpp"):
+    for folder in (*SUBSYSTEMS, "platform", "client", "ctl", "swivex", "report", "main.cpp"):
         start = root / folder
         for path in sorted([start] if start.is_file() else start.rglob("*")):
             name = path.relative_to(root).as_posix()

@@ -1,0 +1,8 @@
+#include "fuzz/HangReportEntry.h"
+
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+    hangReportHolds({reinterpret_cast<const char*>(bytes), size});
+    return 0;
+}

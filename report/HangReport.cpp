@@ -1,0 +1,207 @@
+#include "report/HangReport.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace quorvix::report {
+
+namespace {
+
+constexpr std::uint32_t kFtraceEvents = 1;
+
+std::string_view programOf(std::string_view path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+// Calls with every scheduling event of the file.
+void forEachSchedEvent(const ScanFile& scan, const TraceContents& contents, const SchedDecoder::Visitor& visit) {
+    SchedDecoder decoder(contents.clampedSwitches());
+    scan([&](Bytes packet) {
+        ProtoFields fields(packet);
+        ProtoField field;
+        while (fields.next(field)) {
+            if (field.number == kFtraceEvents && field.kind == ProtoField::Kind::bytes) {
+                // A damaged bundle ends early; the file counts as damaged by the first walk.
+                (void)decoder.decode(field.bytes, visit);
+            }
+        }
+    });
+}
+
+Reason readReason(const TraceContents& contents) {
+    Reason reason;
+    const std::string* text = contents.text("reason");
+    if (text == nullptr) return reason;
+    reason.text = *text;
+    const auto json = nlohmann::json::parse(*text, nullptr, false);
+    if (!json.is_object()) return reason;
+    const auto textAt = [&](const char* key) -> std::optional<std::string> {
+        const auto found = json.find(key);
+        if (found == json.end() || !found->is_string()) return std::nullopt;
+        return found->get<std::string>();
+    };
+    const auto numberAt = [&](const char* key) -> std::optional<std::int64_t> {
+        const auto found = json.find(key);
+        if (found == json.end() || !found->is_number_integer()) return std::nullopt;
+        return found->get<std::int64_t>();
+    };
+    reason.reason = textAt("Reason");
+    reason.service = textAt("ServiceName");
+    reason.processPath = textAt("ProcessPath");
+    reason.pid = numberAt("PID");
+    reason.threadId = numberAt("ThreadID");
+    return reason;
+}
+
+class Analysis {
+public:
+    Analysis(const ScanFile& scan, const AnalysisDepth& depth, const NameFrames& nameFrames)
+        : scan_(scan), depth_(depth), nameFrames_(nameFrames) {}
+
+    HangReport run() {
+        contents_.finish(scan_([this](Bytes packet) { contents_.add(packet); }));
+        takeContents();
+        if (!report_.isHangReport) return std::move(report_);
+        takeEvents();
+        takeStack();
+        applyWaitPlace(report_.timeline, report_.waitPlace);
+        report_.verdict = judge(report_.timeline);
+        takeWaits();
+        return std::move(report_);
+    }
+
+private:
+    ThreadLabel labelOf(std::int32_t tid) const {
+        ThreadLabel label{.tid = tid, .name = {}, .pid = kNoThread, .process = {}};
+        if (tid == CpuUse::kIdle) label.name = "idle";
+        if (const ThreadName* known = contents_.thread(tid)) {
+            label.name = known->name;
+            label.pid = known->pid;
+        } else if (const auto named = names_.find(tid); named != names_.end()) {
+            label.name = named->second;
+        }
+        if (label.pid != kNoThread) label.process = contents_.processName(label.pid);
+        return label;
+    }
+
+    void takeContents() {
+        report_.incomplete = contents_.incomplete();
+        constexpr std::string_view kMissing = "missing.";
+        for (const auto& [key, why] : contents_.texts()) {
+            if (key.starts_with(kMissing)) report_.missing.emplace_back(key.substr(kMissing.size()), why);
+        }
+        constexpr std::string_view kLost = "lost.";
+        for (const auto& [key, count] : contents_.numbers()) {
+            if (key.starts_with(kLost)) report_.lost.emplace_back(key.substr(kLost.size()), count);
+        }
+        if (const std::string* recorder = contents_.text("recorder")) report_.recorder = *recorder;
+        report_.reason = readReason(contents_);
+        report_.window = contents_.window().value_or(Interval{});
+        report_.covered = contents_.covered();
+        report_.isHangReport = contents_.window().has_value();
+        report_.beganRealtimeNs = contents_.realtimeNs(report_.window.beginNs);
+        if (const auto tid = contents_.hungTid()) report_.hung.tid = *tid;
+        if (const auto pid = contents_.hungPid()) {
+            report_.hung.pid = *pid;
+            report_.hung.process = contents_.processName(*pid);
+        }
+        if (const ThreadName* known = contents_.thread(report_.hung.tid)) report_.hung.name = known->name;
+    }
+
+    void takeEvents() {
+        ThreadTimelineBuilder builder(report_.hung.tid);
+        CpuUse use(report_.window.common(report_.covered));
+        forEachSchedEvent(scan_, contents_, [&](const SchedEvent& event) {
+            if (report_.hung.tid != kNoThread) builder.add(event);
+            use.add(event);
+            if (!event.nextName.empty() && names_.size() < kMostNames && contents_.thread(event.next) == nullptr) {
+                names_.try_emplace(event.next, event.nextName.substr(0, kLongestName));
+            }
+        });
+        report_.timeline = builder.finish(report_.window, report_.covered, contents_.hints());
+        const CpuUse::Summary summary = use.finish();
+        report_.idleNs = summary.idleNs;
+        report_.cpus = summary.cpus;
+        for (const CpuUse::Use& entry : summary.users) {
+            if (report_.topUsers.size() < depth_.users) {
+                report_.topUsers.push_back({.thread = labelOf(entry.tid), .ranNs = entry.ranNs});
+            }
+            const ThreadName* const known = contents_.thread(entry.tid);
+            if (!report_.topOfProcess && entry.tid != report_.hung.tid && known != nullptr &&
+                known->pid == report_.hung.pid) {
+                report_.topOfProcess = ToldUse{.thread = labelOf(entry.tid), .ranNs = entry.ranNs};
+            }
+        }
+    }
+
+    void takeStack() {
+        const auto& samples = contents_.samples();
+        const auto sample = std::ranges::find(samples, report_.hung.tid, &StackSample::tid);
+        if (report_.hung.tid == kNoThread || sample == samples.end()) {
+            report_.stackProblem = "the file has no stack of the hung thread";
+            return;
+        }
+        report_.stackProblem = sample->problem;
+        for (Frame& frame : contents_.framesOf(*sample))
+            report_.stack.push_back({.frame = std::move(frame), .symbol = {}});
+        if (nameFrames_) nameFrames_(contents_, report_.stack);
+        std::vector<std::string> kernelFunctions;
+        for (const ToldFrame& told : report_.stack) {
+            if (!told.frame.isKernel()) break;
+            kernelFunctions.push_back(told.symbol.empty() ? told.frame.name : told.symbol);
+        }
+        report_.waitPlace = waitPlaceOf(kernelFunctions);
+    }
+
+    void takeWaits() {
+        struct Looked {
+            std::size_t wait;
+            ThreadTimelineBuilder builder;
+        };
+        std::vector<Looked> looked;
+        for (const Wait& wait : report_.timeline.longestWaits) {
+            if (report_.waits.size() >= depth_.waits) break;
+            ToldWait told{.wait = wait, .waker = {}, .wakerBefore = {}};
+            if (wait.waker) {
+                told.waker = labelOf(wait.waker->tid);
+                if (!wait.waker->byInterrupt && wait.waker->tid > CpuUse::kIdle && looked.size() < depth_.blockers) {
+                    looked.push_back({report_.waits.size(), ThreadTimelineBuilder(wait.waker->tid)});
+                }
+            }
+            report_.waits.push_back(std::move(told));
+        }
+        if (looked.empty()) return;
+        forEachSchedEvent(scan_, contents_, [&](const SchedEvent& event) {
+            for (Looked& entry : looked) entry.builder.add(event);
+        });
+        for (Looked& entry : looked) {
+            ToldWait& told = report_.waits[entry.wait];
+            told.wakerBefore = entry.builder.finish(told.wait.interval.common(report_.covered), report_.covered);
+            if (!report_.blocker) report_.blocker = entry.wait;
+        }
+    }
+
+    static constexpr std::size_t kMostNames = std::size_t{1} << 16;
+    static constexpr std::size_t kLongestName = 64;
+
+    const ScanFile& scan_;
+    AnalysisDepth depth_;
+    const NameFrames& nameFrames_;
+    TraceContents contents_;
+    std::unordered_map<std::int32_t, std::string> names_;
+    HangReport report_;
+};
+
+}  // namespace
+
+std::string HangReport::app() const {
+    if (reason.processPath && !reason.processPath->empty()) return std::string(programOf(*reason.processPath));
+    return hung.process;
+}
+
+HangReport analyse(const ScanFile& scan, const AnalysisDepth& depth, const NameFrames& nameFrames) {
+    return Analysis(scan, depth, nameFrames).run();
+}
+
+}  // namespace quorvix::report

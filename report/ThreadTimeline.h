@@ -1,0 +1,118 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "report/SchedEvents.h"
+
+namespace quorvix::report {
+
+// What a thread can be doing; each moment of a timeline is exactly one of these.
+enum class Activity : std::uint8_t {
+    unknown,          // the recorder did not cover it
+    running,          // on a CPU
+    runnable,         // wanted to run and did not: others ran, or its group was throttled
+    sleeping,         // waited for an event, interruptibly
+    uninterruptible,  // waited in the kernel, for a device as a rule
+    stopped,          // by a signal or a tracer, or frozen
+    gone,             // had exited
+};
+inline constexpr std::size_t kActivities = 7;
+
+// Nanoseconds of CLOCK_MONOTONIC; empty when the end is not after the begin.
+struct Interval {
+    std::uint64_t beginNs = 0;
+    std::uint64_t endNs = 0;
+    std::uint64_t length() const { return endNs > beginNs ? endNs - beginNs : 0; }
+    Interval common(const Interval& other) const {
+        return {std::max(beginNs, other.beginNs), std::min(endNs, other.endNs)};
+    }
+};
+
+struct Waker {
+    std::int32_t tid = kNoThread;
+    bool byInterrupt = false;  // a timer or device did it; the thread only was on the CPU
+    std::uint32_t cpu = 0;
+    bool operator<(const Waker& other) const {
+        return byInterrupt != other.byInterrupt ? byInterrupt < other.byInterrupt : tid < other.tid;
+    }
+};
+
+// A time in which the thread could not go on. It may reach out of the window on both sides.
+struct Wait {
+    Activity activity = Activity::sleeping;
+    Interval interval{};           // begin 0: it began before anything that is known
+    bool hasEnded = false;         // false: it lasts as long as the file knows
+    std::optional<Waker> waker{};  // who ended it, where an event says so
+    std::uint64_t inWindowNs = 0;  // how much of it lies in the window
+};
+
+// What one thread did over a window: the times add up to the window.
+struct ThreadTimeline {
+    Interval window;
+    std::array<std::uint64_t, kActivities> timeNs{};
+    std::vector<Wait> longestWaits;  // the longest in the window first
+    std::optional<Wait> ongoing;     // what had not ended when the file does
+    std::uint64_t sleeps = 0;        // how often it slept, either way
+    std::uint64_t events = 0;        // of this thread, outside the window too
+    bool tooManyEvents = false;      // then all is unknown
+    struct Waking {
+        std::uint64_t count = 0;
+        std::uint64_t sleptNs = 0;  // in the window, before these wake-ups
+    };
+    std::map<Waker, Waking> wakers;
+
+    std::uint64_t at(Activity activity) const { return timeNs[static_cast<std::size_t>(activity)]; }
+    std::uint64_t& at(Activity activity) { return timeNs[static_cast<std::size_t>(activity)]; }
+};
+
+// What is known of the thread besides its events.
+struct ThreadHints {
+    std::optional<std::uint64_t> leftNs;     // when it last left a CPU before the window,
+    std::optional<std::uint32_t> leftState;  // and in which state; without the time: its state at the dump
+};
+
+// The state letter of procfs as the bits of scheduling events; nothing for a letter that is none.
+std::optional<std::uint32_t> stateOfLetter(char letter);
+Activity activityOfState(std::uint32_t state);
+
+// Gathers the events of one thread, in any order, and makes its timeline of them.
+class ThreadTimelineBuilder {
+public:
+    // Of one thread; a ring holds fewer unless it is very large. What is beyond makes the timeline unknown.
+    static constexpr std::size_t kMostEvents = std::size_t{1} << 21;
+    static constexpr std::size_t kMostWaits = 32;
+    static constexpr std::size_t kMostWakers = 256;
+
+    explicit ThreadTimelineBuilder(std::int32_t tid) : tid_(tid) {}
+
+    void add(const SchedEvent& event);
+
+    // Covered: what the recorder held; outside of it nothing is known.
+    ThreadTimeline finish(const Interval& window, const Interval& covered, const ThreadHints& hints = {});
+
+private:
+    struct Event {
+        enum class Kind : std::uint8_t { left, woken, came };  // in the order in which they follow at one instant
+        std::uint64_t timeNs = 0;
+        std::int32_t waker = kNoThread;
+        std::uint16_t cpu = 0;
+        Kind kind = Kind::left;
+        std::uint8_t state = 0;
+        bool byInterrupt = false;
+    };
+
+    void push(const Event& event);
+
+    std::int32_t tid_;
+    std::vector<Event> events_;
+    bool tooMany_ = false;
+
+    friend class TimelineWalk;
+};
+
+}  // namespace quorvix::report

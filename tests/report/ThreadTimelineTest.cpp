@@ -1,0 +1,239 @@
+#include "report/ThreadTimeline.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "tests/support/TraceEncoder.h"
+
+namespace quorvix::report {
+namespace {
+
+using tests::switched;
+using tests::woken;
+using namespace thread_state;
+
+constexpr std::int32_t kHung = 10;
+constexpr std::int32_t kOther = 20;
+constexpr Interval kWindow{1000, 2000};
+constexpr Interval kCovered{500, 5000};
+
+ThreadTimeline timelineOf(const std::vector<SchedEvent>& events, const ThreadHints& hints = {},
+                          const Interval& covered = kCovered) {
+    ThreadTimelineBuilder builder(kHung);
+    for (const SchedEvent& event : events) builder.add(event);
+    const ThreadTimeline timeline = builder.finish(kWindow, covered, hints);
+    std::uint64_t sum = 0;
+    for (const std::uint64_t time : timeline.timeNs) sum += time;
+    EXPECT_EQ(sum, kWindow.length()) << "the times must add up to the window";
+    return timeline;
+}
+
+TEST(ThreadTimeline, SumsUpRunningWaitingForACpuAndSleeping) {
+    const auto timeline = timelineOf({switched(900, kOther, 0, kHung), switched(1200, kHung, 0, kOther),
+                                      switched(1300, kOther, 0, kHung), switched(1500, kHung, kInterruptible, kOther),
+                                      woken(1700, kOther, kHung), switched(1750, kOther, 0, kHung)});
+    EXPECT_EQ(timeline.at(Activity::running), 200U + 200 + 250);
+    EXPECT_EQ(timeline.at(Activity::runnable), 100U + 50);
+    EXPECT_EQ(timeline.at(Activity::sleeping), 200U);
+    EXPECT_EQ(timeline.at(Activity::unknown), 0U);
+    EXPECT_EQ(timeline.sleeps, 1U);
+}
+
+TEST(ThreadTimeline, EachStateOfTheKernelIsOneActivity) {
+    const auto doing = [](std::uint32_t state) {
+        const auto timeline = timelineOf({switched(1000, kHung, state, kOther)});
+        for (std::size_t at = 0; at < kActivities; ++at) {
+            if (timeline.timeNs[at] == kWindow.length()) return static_cast<Activity>(at);
+        }
+        return Activity::unknown;
+    };
+    EXPECT_EQ(doing(0), Activity::runnable);
+    EXPECT_EQ(doing(kInterruptible), Activity::sleeping);
+    EXPECT_EQ(doing(kParked), Activity::sleeping);
+    EXPECT_EQ(doing(kIdle), Activity::sleeping);
+    EXPECT_EQ(doing(kUninterruptible), Activity::uninterruptible);
+    EXPECT_EQ(doing(kStopped), Activity::stopped);
+    EXPECT_EQ(doing(kTraced), Activity::stopped);
+    EXPECT_EQ(doing(kDead), Activity::gone);
+    EXPECT_EQ(doing(kZombie), Activity::gone);
+}
+
+TEST(ThreadTimeline, AThreadThatLeavesFirstRanBefore) {
+    EXPECT_EQ(timelineOf({switched(1400, kHung, kInterruptible, 0)}).at(Activity::running), 400U);
+}
+
+TEST(ThreadTimeline, AThreadThatIsWokenFirstSleptBefore) {
+    EXPECT_EQ(timelineOf({woken(1400, kOther, kHung)}).at(Activity::sleeping), 400U);
+}
+
+TEST(ThreadTimeline, AThreadThatComesFirstWaitedForACpuBefore) {
+    const auto timeline = timelineOf({switched(1400, kOther, 0, kHung)});
+    EXPECT_EQ(timeline.at(Activity::runnable), 400U);
+    EXPECT_EQ(timeline.at(Activity::running), 600U);
+}
+
+TEST(ThreadTimeline, AThreadWithoutAnyEventIsInTheStateInWhichItLeft) {
+    const auto timeline = timelineOf({}, {.leftNs = 700, .leftState = kInterruptible});
+    EXPECT_EQ(timeline.at(Activity::sleeping), kWindow.length());
+    ASSERT_TRUE(timeline.ongoing);
+    EXPECT_EQ(timeline.ongoing->interval.beginNs, 700U);
+}
+
+TEST(ThreadTimeline, AThreadThatWasPushedOutAndNeverCameBackStarves) {
+    EXPECT_EQ(timelineOf({}, {.leftNs = 700, .leftState = 0}).at(Activity::runnable), kWindow.length());
+}
+
+TEST(ThreadTimeline, WithoutAnyEventTheStateAtTheDumpHeldAllTheTime) {
+    EXPECT_EQ(timelineOf({}, {.leftNs = {}, .leftState = kUninterruptible}).at(Activity::uninterruptible),
+              kWindow.length());
+}
+
+TEST(ThreadTimeline, ThatItCouldRunAtTheDumpDoesNotTellWhetherItRan) {
+    EXPECT_EQ(timelineOf({}, {.leftNs = {}, .leftState = 0}).at(Activity::unknown), kWindow.length());
+}
+
+TEST(ThreadTimeline, NothingIsKnownOutsideOfWhatTheRecorderHeld) {
+    const auto timeline = timelineOf({switched(900, kOther, 0, kHung)}, {}, {1250, 1900});
+    EXPECT_EQ(timeline.at(Activity::running), 650U);
+    EXPECT_EQ(timeline.at(Activity::unknown), 350U);
+}
+
+TEST(ThreadTimeline, NothingAtAllIsKnownWithoutARecorder) {
+    EXPECT_EQ(timelineOf({}, {.leftNs = {}, .leftState = kInterruptible}, {}).at(Activity::unknown), kWindow.length());
+}
+
+TEST(ThreadTimeline, AWakeUpAfterTheHangEndsItsLastWait) {
+    const auto timeline =
+        timelineOf({switched(1100, kHung, kInterruptible, 0), woken(2500, kOther, kHung), switched(2600, 0, 0, kHung)});
+    EXPECT_EQ(timeline.at(Activity::sleeping), 900U);
+    ASSERT_EQ(timeline.longestWaits.size(), 1U);
+    const Wait& wait = timeline.longestWaits[0];
+    EXPECT_TRUE(wait.hasEnded);
+    EXPECT_EQ(wait.interval.endNs, 2500U);
+    EXPECT_EQ(wait.inWindowNs, 900U);
+    ASSERT_TRUE(wait.waker);
+    EXPECT_EQ(wait.waker->tid, kOther);
+    EXPECT_FALSE(timeline.ongoing);
+}
+
+TEST(ThreadTimeline, AWaitThatNeverEndsIsOngoing) {
+    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0)});
+    ASSERT_TRUE(timeline.ongoing);
+    EXPECT_FALSE(timeline.ongoing->hasEnded);
+    EXPECT_EQ(timeline.ongoing->inWindowNs, 900U);
+}
+
+TEST(ThreadTimeline, WokenBetweenDecidingToSleepAndLeavingIsNoSleep) {
+    const auto timeline = timelineOf({switched(1000, 0, 0, kHung), woken(1499, kOther, kHung),
+                                      switched(1500, kHung, kInterruptible, 0), switched(1600, 0, 0, kHung)});
+    EXPECT_EQ(timeline.at(Activity::sleeping), 0U);
+    EXPECT_EQ(timeline.at(Activity::runnable), 100U);
+}
+
+TEST(ThreadTimeline, AWakeUpWhileItRanDoesNotHideALaterSleep) {
+    const auto timeline =
+        timelineOf({switched(1000, 0, 0, kHung), woken(1100, kOther, kHung), switched(1500, kHung, kInterruptible, 0),
+                    woken(1700, kOther, kHung), switched(1800, 0, 0, kHung)});
+    EXPECT_EQ(timeline.at(Activity::sleeping), 200U);
+    EXPECT_EQ(timeline.at(Activity::runnable), 100U);
+}
+
+TEST(ThreadTimeline, ASecondWakeUpOfAWokenThreadChangesNothing) {
+    const auto timeline = timelineOf({switched(1000, kHung, kInterruptible, 0), woken(1400, kOther, kHung),
+                                      woken(1500, 30, kHung), switched(1600, 0, 0, kHung)});
+    EXPECT_EQ(timeline.at(Activity::sleeping), 400U);
+    EXPECT_EQ(timeline.wakers.size(), 1U);
+    EXPECT_EQ(timeline.wakers.begin()->first.tid, kOther);
+}
+
+TEST(ThreadTimeline, EventsOfDifferentCpusMayComeInAnyOrder) {
+    const auto inOrder = std::vector{switched(1000, 0, 0, kHung), switched(1200, kHung, 0, kOther),
+                                     switched(1400, 30, 0, kHung), switched(1900, kHung, kInterruptible, 30)};
+    const auto shuffled = std::vector{inOrder[2], inOrder[3], inOrder[0], inOrder[1]};
+    EXPECT_EQ(timelineOf(shuffled).timeNs, timelineOf(inOrder).timeNs);
+}
+
+TEST(ThreadTimeline, KeepsTheLongestWaitsOfVeryMany) {
+    std::vector<SchedEvent> events;
+    ThreadTimelineBuilder builder(kHung);
+    std::uint64_t time = 0;
+    for (std::uint64_t length = 1; length <= 500; ++length) {
+        builder.add(switched(time, kHung, kInterruptible, 0));
+        time += length;
+        builder.add(woken(time, kOther, kHung));
+        builder.add(switched(time, 0, 0, kHung));
+        time += 5;
+    }
+    const ThreadTimeline timeline = builder.finish({0, time}, {0, time});
+    ASSERT_EQ(timeline.longestWaits.size(), ThreadTimelineBuilder::kMostWaits);
+    EXPECT_EQ(timeline.longestWaits.front().inWindowNs, 500U);
+    EXPECT_EQ(timeline.longestWaits.back().inWindowNs, 500 - ThreadTimelineBuilder::kMostWaits + 1);
+    EXPECT_EQ(timeline.sleeps, 500U);
+}
+
+TEST(ThreadTimeline, MoreEventsThanTheLimitMakeItUnknown) {
+    for (const std::size_t extra : {std::size_t{0}, std::size_t{1}}) {
+        ThreadTimelineBuilder builder(kHung);
+        for (std::size_t at = 0; at < ThreadTimelineBuilder::kMostEvents + extra; ++at) {
+            builder.add(woken(1000, kOther, kHung));
+        }
+        EXPECT_EQ(builder.finish(kWindow, kCovered).tooManyEvents, extra == 1);
+    }
+}
+
+// A thread's life tick by tick, made up at random; the events are what the kernel would have recorded of it. The truth
+// is counted tick by tick.
+TEST(ThreadTimeline, AgreesWithACountOfEveryTickOfRandomLives) {
+    for (std::uint32_t seed = 1; seed <= 300; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 random(seed);
+        const auto below = [&](std::uint32_t limit) {
+            return std::uniform_int_distribution<std::uint32_t>(0, limit - 1)(random);
+        };
+        constexpr std::uint64_t kEnd = 3000;
+        std::vector<Activity> truth;
+        std::vector<SchedEvent> events;
+        Activity now = Activity::running;
+        events.push_back(switched(0, kOther, 0, kHung));
+        while (truth.size() < kEnd) {
+            truth.insert(truth.end(), 1 + below(below(2) == 0 ? 20 : 400), now);
+            const std::uint64_t time = truth.size();
+            if (now == Activity::running) {
+                constexpr std::uint32_t kStates[] = {0, kInterruptible, kUninterruptible, kStopped, kTraced};
+                constexpr Activity kMeaning[] = {Activity::runnable, Activity::sleeping, Activity::uninterruptible,
+                                                 Activity::stopped, Activity::stopped};
+                const std::uint32_t choice = below(std::size(kStates));
+                events.push_back(switched(time, kHung, kStates[choice], kOther));
+                now = kMeaning[choice];
+            } else if (now == Activity::runnable) {
+                events.push_back(switched(time, kOther, 0, kHung));
+                now = Activity::running;
+            } else {
+                events.push_back(woken(time, kOther, kHung));
+                now = Activity::runnable;
+            }
+        }
+        const std::uint64_t one = below(kEnd), other = below(kEnd);
+        const Interval window{std::min(one, other), std::max(one, other) + 1};
+        const Interval covered{below(kEnd), kEnd};
+        ThreadTimelineBuilder builder(kHung);
+        // What the ring has lost of the past: events before what it covers, but for the last one.
+        std::size_t first = 0;
+        while (first + 1 < events.size() && events[first + 1].timeNs <= covered.beginNs) ++first;
+        std::vector<SchedEvent> kept(events.begin() + static_cast<std::ptrdiff_t>(first), events.end());
+        std::ranges::shuffle(kept, random);
+        for (const SchedEvent& event : kept) builder.add(event);
+        const ThreadTimeline timeline = builder.finish(window, covered);
+
+        std::array<std::uint64_t, kActivities> counted{};
+        for (std::uint64_t tick = window.beginNs; tick < window.endNs; ++tick) {
+            const bool known = tick >= covered.beginNs && tick < covered.endNs;
+            ++counted[static_cast<std::size_t>(known ? truth[tick] : Activity::unknown)];
+        }
+        ASSERT_EQ(timeline.timeNs, counted);
+    }
+}
+
+}  // namespace
+}  // namespace quorvix::report
