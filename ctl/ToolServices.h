@@ -30,6 +30,10 @@ struct ToolServices {
     // The daemon's power log, and the socket on which it takes messages.
     std::string powerLogPath = "/var/lib/quorvix/wattrel.db";
     std::string messagePath = "/run/vex/com.norvane.quorvixd";
+    // Where hang reports are.
+    std::string spoolFolder = "/var/root/Library/Caches/quorvixd/spool";
+    // Has the service manager start the daemon. ENOSYS: there is none that is known.
+    std::function<Result<void>()> startDaemon = [] { return Result<void>(); };
 };
 
 }  // namespace quorvix::ctl
