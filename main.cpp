@@ -13,5 +13,6 @@ int main() {
     [[maybe_unused]] const quorvix::ServiceRegistrations registrations = quorvix::startService();
 
     platform.announceTerminationOn(quorvix::serviceState().daemonQueue);
+    platform.answerWatchdogOn(quorvix::serviceState().daemonQueue);
     platform.services().queues.runMain();
 }

@@ -259,6 +259,8 @@ void AppActivationTracker::send(const std::shared_ptr<AppActivation>& record, co
         record->logAppActivationData(kOutputWattrel);
         quorvixLog().debug("QXActivationStats: Sending activation for %@ to Wattrel. Number Of Activations recorded:%d",
                            bundleID, static_cast<std::int32_t>(count));
+        // The line above is off as a rule.
+        platformLog().about(LogEventKind::activationRecorded).info("Activation recorded: %@", bundleID);
         waitingOutputs_.add(static_cast<std::uint32_t>(-1));
         heldBytes_.add(0 - bytes);
     });

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <limits>
 #include <ostream>
 
@@ -11,10 +12,12 @@
 #include "ctl/ActivationsCommand.h"
 #include "ctl/MemoryCommand.h"
 #include "ctl/PreferencesCommand.h"
+#include "ctl/PruneCommand.h"
 #include "ctl/RecorderCommand.h"
 #include "ctl/ReportCommand.h"
 #include "ctl/StateReport.h"
 #include "ctl/StateSocket.h"
+#include "ctl/SwitchCommand.h"
 #include "platform/linux/MessageCodec.h"
 
 namespace quorvix::ctl {
@@ -96,7 +99,9 @@ public:
           activations_(services),
           memory_(services),
           recorder_(services),
-          report_(services) {
+          report_(services),
+          prune_(services),
+          switch_(services) {
         app_.require_subcommand(1);
         addPreferences();
         addNotify();
@@ -106,6 +111,7 @@ public:
         addMemory();
         addRecorder();
         addReport();
+        addSwitches();
     }
 
     ExitStatus run(std::vector<std::string> arguments) {
@@ -199,6 +205,45 @@ private:
 
         CLI::App* snapshot = group->add_subcommand("snapshot", "Takes a snapshot now, as quorvixd does");
         snapshot->callback([this] { action_ = [this] { return memory_.snapshot(); }; });
+
+        CLI::App* prune = group->add_subcommand("prune", "Removes old reports; the newest is kept");
+        addPruneLimits(prune);
+        prune->callback([this] { action_ = [this] { return prune_.memorySnapshots(pruneRequest()); }; });
+    }
+
+    void addPruneLimits(CLI::App* command) {
+        constexpr std::uint32_t kCentury = 36500;
+        command->add_option("--max-days", pruneDays_, "Reports older than that go")
+            ->capture_default_str()
+            ->check(CLI::Range(0U, kCentury));
+        command->add_option("--max-mib", pruneMebibytes_, "Then the oldest go, until all take at most so much")
+            ->capture_default_str();
+        command->add_flag("--dry-run", pruneRequest_.dryRun, "Says what would go, and removes nothing");
+        addJsonFlag(command);
+    }
+
+    PruneRequest pruneRequest() const {
+        PruneRequest request = pruneRequest_;
+        request.limits.age = std::chrono::days(pruneDays_);
+        request.limits.bytes = std::uint64_t{pruneMebibytes_} << 20;
+        request.asJson = asJson_;
+        return request;
+    }
+
+    void addSwitches() {
+        CLI::App* enable = app_.add_subcommand("enable", "Switches one of quorvixd's jobs on, and starts quorvixd");
+        addJob(enable);
+        enable->callback([this] { action_ = [this] { return switch_.enable(value_); }; });
+
+        CLI::App* disable = app_.add_subcommand("disable", "Switches one of quorvixd's jobs off");
+        addJob(disable);
+        disable->callback([this] { action_ = [this] { return switch_.disable(value_); }; });
+    }
+
+    void addJob(CLI::App* command) {
+        command->add_option("JOB", value_, "hang, activations or memory")
+            ->required()
+            ->check(CLI::IsMember({"hang", "activations", "memory"}));
     }
 
     void addRecorder() {
@@ -229,7 +274,8 @@ private:
     }
 
     void addReport() {
-        CLI::App* group = app_.add_subcommand("report", "Reads hang reports, and says why an app hung");
+        CLI::App* group =
+            app_.add_subcommand("report", "Reads hang reports, says why an app hung, and looks after the spool");
         group->require_subcommand(1);
         folder_ = services_.spoolFolder;
 
@@ -259,6 +305,12 @@ private:
                 return report_.show(value_, folder_, {.format = reportFormat(), .symbols = !withoutSymbols_});
             };
         });
+
+        CLI::App* prune = group->add_subcommand("prune", "Removes old reports; the newest of each app is kept");
+        addPruneLimits(prune);
+        prune->add_option("--keep-apps", pruneRequest_.limits.keptOwners, "Of at most so many apps")
+            ->capture_default_str();
+        prune->callback([this] { action_ = [this] { return prune_.hangReports(pruneRequest()); }; });
     }
 
     void addSpoolFolder(CLI::App* command) {
@@ -364,6 +416,8 @@ private:
     MemoryCommand memory_;
     RecorderCommand recorder_;
     ReportCommand report_;
+    PruneCommand prune_;
+    SwitchCommand switch_;
     CLI::App app_{"The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood.", "quorvixctl"};
     PreferenceRequest request_;
     RecorderRequest recorderRequest_;
@@ -378,6 +432,9 @@ private:
     std::int32_t pid_ = 0;
     std::int32_t result_ = 0;
     std::uint32_t limit_ = 100;
+    PruneRequest pruneRequest_;
+    std::uint32_t pruneDays_ = 30;
+    std::uint32_t pruneMebibytes_ = 512;
     bool asJson_ = false;
     bool asConsole_ = false;
     bool isLaunch_ = false;  // what holds without --resume; likewise below

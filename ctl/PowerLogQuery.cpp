@@ -89,7 +89,8 @@ PowerLogQuery::PowerLogQuery(const std::string& path) {
     database_ = std::make_unique<linuxos::SqliteDatabase>(path, linuxos::SqliteDatabase::kBusyTimeout,
                                                           linuxos::SqliteAccess::readOnly);
     const std::int64_t version = database_->number("PRAGMA user_version");
-    if (version != linuxos::kPowerLogSchemaVersion) {
+    // The versions before differ in what makes the file fast; the daemon brings one up at its next activation.
+    if (version < 1 || version > linuxos::kPowerLogSchemaVersion) {
         throw std::runtime_error(path + " is of version " + std::to_string(version) + ", which this tool can't read");
     }
 }

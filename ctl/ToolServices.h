@@ -34,6 +34,8 @@ struct ToolServices {
     std::string traceRoot = "/sys/kernel/tracing";
     // Where hang reports are.
     std::string spoolFolder = "/var/root/Library/Caches/quorvixd/spool";
+    // Has the service manager start the daemon. ENOSYS: there is none that is known.
+    std::function<Result<void>()> startDaemon = [] { return Result<void>(); };
 };
 
 }  // namespace quorvix::ctl

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ctl/CommandLine.h"
+#include "ctl/DaemonStart.h"
 #include "ctl/ToolPlatform.h"
 #include "memsnapshot/MemorySnapshot.h"
 #include "platform/linux/Console.h"
@@ -74,7 +75,8 @@ int run(int argumentCount, char** arguments) {
         .reportFolder = kReportFolder,
         .takeSnapshot = takeSnapshot,
         .out = std::cout,
-        .error = std::cerr};
+        .error = std::cerr,
+        .startDaemon = startDaemon};
     const ExitStatus status = runCommandLine({arguments + 1, arguments + argumentCount}, services);
     // A full disk behind a redirection shows only here.
     std::cout.flush();

@@ -30,23 +30,30 @@ bool mayReport(const QXProcessInfo& process) {
     const std::string& processName = process.processName();
     CounterService& counters = platform().counters;
     if (!settings().swivexEnabled) {
-        quorvixLog().standard("%@: Quorvix swivex support is disabled, not saving a report!", processName);
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "switched-off")
+            .standard("%@: Quorvix swivex support is disabled, not saving a report!", processName);
         return false;
     }
     if (!hangState().traceLibrary.usable()) {
-        quorvixLog().standard("%@: Tried to save swivex, but swivex support is not present on this device!",
-                              processName);
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "no-library")
+            .standard("%@: Tried to save swivex, but swivex support is not present on this device!", processName);
         return false;
     }
     if (!process.checkAppCredit()) {
-        quorvixLog().standard("%@ is out of credits. Not saving a report!", processName);
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "app-credits")
+            .standard("%@ is out of credits. Not saving a report!", processName);
         counters.addToScalar("com.norvane.quorvix.QXLogsMissedDueToProcessLimit.Total", 1);
         counters.addToScalar(formatText("com.norvane.quorvix.QXLogsMissedDueToProcessLimit.%@", processName), 1);
         return false;
     }
     if (!QXProcessInfo::checkDailyCredit()) {
-        quorvixLog().standard("Device is out of Daily Log credits, hit the Daily Log limit of %u. Not saving a report!",
-                              static_cast<std::uint32_t>(hangState().maxDailyLogs));
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "daily-limit")
+            .standard("Device is out of Daily Log credits, hit the Daily Log limit of %u. Not saving a report!",
+                      static_cast<std::uint32_t>(hangState().maxDailyLogs));
         counters.addToScalar("com.norvane.quorvix.QXLogsMissedDueToGlobalLimit.Total", 1);
         counters.addToScalar(formatText("com.norvane.quorvix.QXLogsMissedDueToGlobalLimit.%@", processName), 1);
         return false;
@@ -78,7 +85,7 @@ void QXProcessInfo::recordHang(std::string_view name, std::uint64_t threadID, st
                                std::uint64_t endTime, bool saveSwivex) {
     const double durationMs = static_cast<double>(endTime - startTime) * msPerTick();
     const double seconds = durationMs / 1000.0;
-    quorvixLog().info("%@: Hang detected %.2fs (%s)", processName_, seconds, name);
+    quorvixLog().about(LogEventKind::hang).info("%@: Hang detected %.2fs (%s)", processName_, seconds, name);
     setHUDMessage("HANG:%s %.10s %.2fs", name, processName_, seconds);
     scheduleHUDClear();
     countHang(name, processName_, durationMs);
@@ -92,8 +99,9 @@ void QXProcessInfo::recordHang(std::string_view name, std::uint64_t threadID, st
     }
     HangState& state = hangState();
     if (state.fenceHangCapturePending) {
-        quorvixLog().standard("%@: Fence-hang, but waiting for FenceHangCapture - not saving another report!",
-                              processName_);
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "fence-pending")
+            .standard("%@: Fence-hang, but waiting for FenceHangCapture - not saving another report!", processName_);
         return;
     }
     state.fenceHangCapturePending = true;

@@ -64,7 +64,9 @@ void QXProcessInfo::resetDailyLogCredits() {
     HangState& state = hangState();
     platform().counters.setScalar("com.norvane.quorvix.QXLogsGeneratedAtDailyReset",
                                   wrappingDifference(state.maxDailyLogs, state.dailyLogCredits));
-    quorvixLog().info("Hang Logs Daily Credits reset from %i to %i", state.dailyLogCredits, state.maxDailyLogs);
+    quorvixLog()
+        .about(LogEventKind::dailyReset)
+        .info("Hang Logs Daily Credits reset from %i to %i", state.dailyLogCredits, state.maxDailyLogs);
     state.dailyLogCredits = state.maxDailyLogs;
 }
 

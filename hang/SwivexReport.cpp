@@ -62,8 +62,10 @@ bool QXProcessInfo::saveSwivexForService(std::string_view service, std::string_v
     quorvixLog().info("%@: Attempting to save swivex at %@", processName_, temporaryPath);
     const auto created = files.createFile(temporary, kReportMode, kProtectionClass);
     if (!created) {
-        quorvixLog().standard("%@: Could not create file - won't take a swivex: %@ %s", processName_, temporaryPath,
-                              created.error());
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "no-file")
+            .standard("%@: Could not create file - won't take a swivex: %@ %s", processName_, temporaryPath,
+                      created.error());
         return false;
     }
     TemporaryReport report(temporary, *created);
@@ -79,25 +81,35 @@ bool QXProcessInfo::saveSwivexForService(std::string_view service, std::string_v
     };
     const auto json = platform().json.serialise(info);
     if (!json) {
-        quorvixLog().standard("%@: Unable to serialize Info Dict into JSON: %@ - %@\n", processName_, info,
-                              json.error());
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "no-reason")
+            .standard("%@: Unable to serialize Info Dict into JSON: %@ - %@\n", processName_, info, json.error());
         return false;
     }
     const auto text = platform().json.makeText(*json);
     if (!text) {
-        quorvixLog().standard("%@: Unable to create UTF8 string from JSON: %@\n", processName_, info);
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "no-reason")
+            .standard("%@: Unable to create UTF8 string from JSON: %@\n", processName_, info);
         return false;
     }
     const bool written = hangState().traceLibrary.writeSwivexData(report.descriptor(), startTime, endTime, *text);
     report.close();
     if (!written) {
-        quorvixLog().standard("%@: Unable to save swivex data to file.\n", processName_);
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "no-trace")
+            .standard("%@: Unable to save swivex data to file.\n", processName_);
         return false;
     }
     quorvixLog().info("%@: Moving swivex to spool: %@\n", processName_, finalPath);
     if (const auto moved = files.moveFile(temporary, final); !moved) {
-        quorvixLog().standard("%@: Unable to move swivex to final path: %@", processName_, moved.error());
+        quorvixLog()
+            .about(LogEventKind::reportRefused, "not-moved")
+            .standard("%@: Unable to move swivex to final path: %@", processName_, moved.error());
         report.unlink();
+    } else {
+        // The line before the move is not yet a report in its place.
+        platformLog().about(LogEventKind::reportWritten).info("Report written: %@", finalPath);
     }
     report.keep();
     // Also when the move failed: the trace was taken, and that is what the credits pay for.

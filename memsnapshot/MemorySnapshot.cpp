@@ -77,7 +77,9 @@ void takeMemorySnapshot() {
         platformLog().standard("Could not move memory snapshot to %s: %s", reportPath, moved.error());
         return;
     }
-    platformLog().info("Memory snapshot written: %s (%zu bytes)", reportPath, text.size());
+    platformLog()
+        .about(LogEventKind::snapshotWritten)
+        .info("Memory snapshot written: %s (%zu bytes)", reportPath, text.size());
 }
 
 }  // namespace quorvix

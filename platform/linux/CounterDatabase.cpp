@@ -3,16 +3,21 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdio>
+#include <string_view>
 
 #include "platform/linux/Sqlite.h"
+#include "platform/linux/StoreMigration.h"
 
 namespace quorvix::linuxos {
 
 namespace {
 
 constexpr std::int64_t kSchemaVersion = 1;
+// What brings a file of an older version to this one; there is none yet.
+constexpr std::array<std::string_view, kSchemaVersion - 1> kMigrations{};
 constexpr std::int64_t kSecondsPerDay = 86400;
 constexpr std::int64_t kUnusedDays = 30;
 
@@ -173,6 +178,7 @@ void CounterDatabase::prepareSchema() {
     if (database_->text("PRAGMA quick_check(1)") != "ok")
         throw SqliteError(SQLITE_CORRUPT, "the counter database is damaged");
     if (database_->number("PRAGMA user_version") == 0) database_->execute(schemaSql().c_str());
+    migrateStore(*database_, kMigrations);
 }
 
 // One file of a kind is kept: the last.

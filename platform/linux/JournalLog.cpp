@@ -15,6 +15,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/linux/MessageIds.h"
+
 namespace quorvix::linuxos {
 
 namespace {
@@ -104,13 +106,20 @@ bool JournalLog::enabled(std::string_view subsystem, std::string_view category, 
 }
 
 void JournalLog::write(std::string_view subsystem, std::string_view category, LogLevel level, std::string_view text) {
+    writeEvent({}, subsystem, category, level, text);
+}
+
+void JournalLog::writeEvent(const LogEvent& event, std::string_view subsystem, std::string_view category,
+                            LogLevel level, std::string_view text) {
     std::string entry;
-    entry.reserve(text.size() + 160);
+    entry.reserve(text.size() + 240);
     appendField(entry, "MESSAGE", text);
     appendField(entry, "PRIORITY", priorityOf(level));
     appendField(entry, "SYSLOG_IDENTIFIER", places_.identifier);
     appendField(entry, "QUORVIX_SUBSYSTEM", subsystem);
     appendField(entry, "QUORVIX_CATEGORY", category);
+    if (event.kind != LogEventKind::none) appendField(entry, "MESSAGE_ID", messageIdOf(event.kind));
+    if (!event.reason.empty()) appendField(entry, "QUORVIX_REASON", event.reason);
     if (sendToJournal(entry) == Sent::yes) {
         ++journalLines_;
     } else {

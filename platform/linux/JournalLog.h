@@ -21,7 +21,9 @@ namespace quorvix::linuxos {
 // where control characters of the text are escaped, so that an entry is one line whatever a client put into it. A line
 // never waits for a stuck reader longer than 10 ms, and after such a wait none waits again for a second: it goes to
 // standard error, and where that is stuck too it is dropped. All of it is counted. A text that is too long for a
-// datagram goes as a sealed memory file. Callable from any thread; lines are never held back for later.
+// datagram goes as a sealed memory file. An event's line carries the event's MESSAGE_ID, under which the journal's
+// catalogue explains it; standard error has no place for that. Callable from any thread; lines are never held back for
+// later.
 class JournalLog final : public SystemLog {
 public:
     struct Places {
@@ -37,6 +39,8 @@ public:
 
     bool enabled(std::string_view subsystem, std::string_view category, LogLevel level) noexcept override;
     void write(std::string_view subsystem, std::string_view category, LogLevel level, std::string_view text) override;
+    void writeEvent(const LogEvent& event, std::string_view subsystem, std::string_view category, LogLevel level,
+                    std::string_view text) override;
 
     JsonObject selfCounters() const;
 

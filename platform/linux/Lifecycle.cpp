@@ -70,6 +70,8 @@ std::string LinuxLifecycle::socketFromEnvironment() {
 
 void LinuxLifecycle::ready() { notify(notifySocket_, "READY=1"); }
 
+void LinuxLifecycle::alive() { notify(notifySocket_, "WATCHDOG=1"); }
+
 void LinuxLifecycle::exit(int status) {
     flush();
     ::_exit(status);

@@ -15,7 +15,7 @@ namespace quorvix::linuxos {
 //
 // Stores register a hook that flushes them; at the end all hooks get 200 ms together, on a thread of their own, so that
 // a hook that hangs holds nothing up. The process then ends without running destructors, since other threads live on
-// until the last moment. ready() and exit() are callable from any thread; hooks are added before runMain.
+// until the last moment. ready(), alive() and exit() are callable from any thread; hooks are added before runMain.
 class LinuxLifecycle final : public ProcessLifecycle {
 public:
     // Gets the time that is left for it; called once, on a thread that is nobody's queue.
@@ -27,6 +27,8 @@ public:
     explicit LinuxLifecycle(std::string notifySocket = socketFromEnvironment());
 
     void ready() override;
+    // Tells the service manager's watchdog that the process is well. Who calls it must be what has to be well.
+    void alive();
     [[noreturn]] void exit(int status) override;
 
     void addFlushHook(FlushHook hook);

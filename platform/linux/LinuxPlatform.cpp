@@ -63,6 +63,12 @@ void LinuxPlatform::announceTerminationOn(const std::shared_ptr<WorkQueue>& queu
     queues_.setTerminationHandler(queue, [this] { messages_.terminationImminent(); });
 }
 
+void LinuxPlatform::answerWatchdogOn(const std::shared_ptr<WorkQueue>& queue) {
+    if (const auto limit = WatchdogPing::limitFromEnvironment()) {
+        watchdogPing_ = std::make_unique<WatchdogPing>(*queue, *limit, [this] { lifecycle_.alive(); });
+    }
+}
+
 void LinuxPlatform::StateWithSelfCounters::publish(std::string_view endpoint, const std::shared_ptr<WorkQueue>& queue,
                                                    std::function<JsonObject()> provider) {
     sockets_.publish(endpoint, queue, [this, provider = std::move(provider)] {

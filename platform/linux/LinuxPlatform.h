@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "platform/Platform.h"
 #include "platform/linux/Clocks.h"
 #include "platform/linux/Console.h"
@@ -27,6 +29,7 @@
 #include "platform/linux/StateService.h"
 #include "platform/linux/SystemInformation.h"
 #include "platform/linux/WallClock.h"
+#include "platform/linux/WatchdogPing.h"
 
 namespace quorvix::linuxos {
 
@@ -42,6 +45,9 @@ public:
     // What runs when the process is asked to terminate: every connection hears of it first. Called once daemonQueue
     // exists.
     void announceTerminationOn(const std::shared_ptr<WorkQueue>& queue);
+    // The service manager hears that the process is well from this queue, where it has asked for that: one that is
+    // stuck falls silent, and the manager begins anew. Called before the main thread is given away.
+    void answerWatchdogOn(const std::shared_ptr<WorkQueue>& queue);
 
 private:
     // The daemon's state with the platform's own figures added to it.
@@ -85,6 +91,7 @@ private:
     LinuxProcessMemory processMemory_;
     LinuxKernelMemory kernelMemory_;
     StateWithSelfCounters state_{*this};
+    std::unique_ptr<WatchdogPing> watchdogPing_;
     Platform services_;
 };
 

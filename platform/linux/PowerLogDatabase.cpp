@@ -9,6 +9,7 @@
 
 #include "platform/Result.h"
 #include "platform/linux/Sqlite.h"
+#include "platform/linux/StoreMigration.h"
 
 namespace quorvix::linuxos {
 
@@ -142,13 +143,14 @@ void PowerLogDatabase::openIfNeeded() {
     database_.reset();
     connect();
     const std::int64_t version = database_->number("PRAGMA user_version");
-    if (version != 0 && version != kPowerLogSchemaVersion) {
+    if (version < 0 || version > kPowerLogSchemaVersion) {
         database_.reset();
         moveAside(".newer");
         connect();
     }
     if (database_->text("PRAGMA quick_check(1)") != "ok") throw SqliteError(SQLITE_CORRUPT, "the power log is damaged");
     if (database_->number("PRAGMA user_version") == 0) database_->execute(powerLogSchemaSql().c_str());
+    migrateStore(*database_, powerLogMigrations());
     prepareInserts();
     agedInHour_ = -1;
 }

@@ -182,6 +182,14 @@ std::string powerLogSchemaSql() {
     return sql + "PRAGMA user_version = " + std::to_string(kPowerLogSchemaVersion) + "; COMMIT;";
 }
 
+std::span<const std::string_view> powerLogMigrations() {
+    static constexpr std::array<std::string_view, kPowerLogSchemaVersion - 1> kSteps{
+        // An index by identifier, which cost more to keep than all it was asked.
+        "DROP INDEX IF EXISTS ProcessNames",
+    };
+    return kSteps;
+}
+
 std::string powerLogInsertSql(std::size_t table) {
     std::string columns = table == 0 ? "StoredAt" : "Activation, EntryKey";
     std::string parameters = table == 0 ? "?" : "?, ?";

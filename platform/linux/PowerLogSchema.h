@@ -23,7 +23,7 @@ struct PowerLogTable {
     std::span<const PowerLogColumn> columns;
 };
 
-inline constexpr std::int64_t kPowerLogSchemaVersion = 1;
+inline constexpr std::int64_t kPowerLogSchemaVersion = 2;
 inline constexpr std::int32_t kPowerLogActivationCategory = 74;
 inline constexpr std::size_t kPowerLogTableCount = 4;
 
@@ -36,6 +36,8 @@ std::optional<std::size_t> powerLogTableOf(std::int32_t category, std::string_vi
 
 // Tables, indices and views (docs/power-log.md), version included, as one transaction.
 std::string powerLogSchemaSql();
+// What brings a file of an older version to this one (platform/linux/StoreMigration.h).
+std::span<const std::string_view> powerLogMigrations();
 // An INSERT of a row: for the first table StoredAt and its columns, for the others Activation, EntryKey and theirs.
 std::string powerLogInsertSql(std::size_t table);
 

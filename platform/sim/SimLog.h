@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/SystemLog.h"
@@ -45,9 +46,15 @@ public:
         }
         return found;
     }
+    // The events among the lines, in order, each with its line's text.
+    std::vector<std::pair<LogEvent, std::string>> events() const {
+        const std::lock_guard lock(mutex_);
+        return events_;
+    }
     void clear() {
         const std::lock_guard lock(mutex_);
         lines_.clear();
+        events_.clear();
     }
     // How often it was asked whether a level is on.
     std::uint64_t enabledQuestions() const {
@@ -64,11 +71,18 @@ public:
         const std::lock_guard lock(mutex_);
         lines_.push_back({std::string(subsystem), std::string(category), level, std::string(text)});
     }
+    void writeEvent(const LogEvent& event, std::string_view subsystem, std::string_view category, LogLevel level,
+                    std::string_view text) override {
+        write(subsystem, category, level, text);
+        const std::lock_guard lock(mutex_);
+        events_.emplace_back(event, text);
+    }
 
 private:
     mutable std::mutex mutex_;
     std::set<LogLevel> off_;
     std::vector<Line> lines_;
+    std::vector<std::pair<LogEvent, std::string>> events_;
     std::uint64_t enabledQuestions_ = 0;
 };
 

@@ -16,6 +16,17 @@ protected:
     }
 };
 
+TEST_F(Tracker, TellsOfEveryRecordedActivationAndOfNoOther) {
+    (void)tracker();
+    begin();
+    end();
+    begin();
+    end({.state = 0});
+    using Event = std::pair<LogEvent, std::string>;
+    EXPECT_THAT(device.log.events(),
+                ElementsAre(Event{{LogEventKind::activationRecorded}, "Activation recorded: com.norvane.mail"}));
+}
+
 TEST_F(Tracker, IsMadeOnceOnFirstUse) {
     EXPECT_FALSE(activationState().sharedInstance);
     AppActivationTracker& first = tracker();

@@ -30,6 +30,8 @@ public:
     int readError = 0;
     std::string reportFolder = "/nonexistent/reports";
     std::optional<std::string> snapshotPath;
+    int startError = 0;
+    int starts = 0;
     std::ostringstream out;
     std::ostringstream error;
     ToolServices services{.preferences = preferences,
@@ -50,7 +52,12 @@ public:
                           .reportFolder = reportFolder,
                           .takeSnapshot = [this] { return snapshotPath; },
                           .out = out,
-                          .error = error};
+                          .error = error,
+                          .startDaemon = [this]() -> Result<void> {
+                              ++starts;
+                              if (startError != 0) return ErrorCode{startError};
+                              return {};
+                          }};
 };
 
 }  // namespace quorvix::ctl

@@ -13,8 +13,10 @@
 #include <chrono>
 #include <cstring>
 #include <map>
+#include <set>
 #include <thread>
 
+#include "platform/linux/MessageIds.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace quorvix::linuxos {
@@ -169,6 +171,38 @@ TEST_F(JournalLogTest, EntryHasItsFields) {
                                                      Pair("QUORVIX_CATEGORY", "platform")));
     EXPECT_EQ(standardError(), "");
     EXPECT_EQ(counter("journalLines"), 1u);
+}
+
+TEST_F(JournalLogTest, AnEventsLineCarriesItsIdAndItsReason) {
+    FakeJournal journal(places_.journalSocket);
+    const LogHandle handle(log(), "com.norvane.quorvix", "");
+    handle.about(LogEventKind::reportRefused, "app-credits").standard("Mail is out of credits");
+    Fields fields = journal.take();
+    EXPECT_EQ(fields["MESSAGE"], "Mail is out of credits");
+    EXPECT_EQ(fields["MESSAGE_ID"], messageIdOf(LogEventKind::reportRefused));
+    EXPECT_EQ(fields["QUORVIX_REASON"], "app-credits");
+
+    handle.about(LogEventKind::hang).info("hang");
+    fields = journal.take();
+    EXPECT_EQ(fields["MESSAGE_ID"], messageIdOf(LogEventKind::hang));
+    EXPECT_EQ(fields.count("QUORVIX_REASON"), 0u);
+    EXPECT_EQ(standardError(), "");
+
+    // The handle itself stays without.
+    handle.standard("no event");
+    EXPECT_EQ(journal.take().count("MESSAGE_ID"), 0u);
+}
+
+TEST_F(JournalLogTest, EveryEventHasAnIdOfItsOwn) {
+    std::set<std::string_view> ids;
+    for (const auto kind :
+         {LogEventKind::hang, LogEventKind::reportWritten, LogEventKind::reportRefused, LogEventKind::dailyReset,
+          LogEventKind::activationRecorded, LogEventKind::snapshotWritten}) {
+        ids.insert(messageIdOf(kind));
+        EXPECT_EQ(messageIdOf(kind).size(), 32u);
+        EXPECT_EQ(messageIdOf(kind).find_first_not_of("0123456789abcdef"), std::string_view::npos);
+    }
+    EXPECT_EQ(ids.size(), 6u);
 }
 
 TEST_F(JournalLogTest, PriorityFollowsTheLevel) {

@@ -199,11 +199,23 @@ TEST_F(PowerLogDatabaseTest, NoticesDamageInTheMiddleOfAFile) {
 
 TEST_F(PowerLogDatabaseTest, MovesAFileOfALaterVersionAside) {
     EXPECT_EQ(write({.bundleID = "old"}), std::nullopt);
-    SqliteDatabase(path()).execute("PRAGMA user_version = 2");
+    SqliteDatabase(path()).execute("PRAGMA user_version = 3");
     PowerLogDatabase later(folder_.path(), {});
     EXPECT_EQ(later.write(activationOf({.bundleID = "new"}), kStart), std::nullopt);
     EXPECT_EQ(activations(), 1);
     EXPECT_EQ(SqliteDatabase(path(".newer-1")).text("SELECT BundleID FROM ActivationData"), "old");
+}
+
+TEST_F(PowerLogDatabaseTest, MigratesAFileOfAnOlderVersionAndKeepsWhatIsInIt) {
+    EXPECT_EQ(write({.bundleID = "old"}), std::nullopt);
+    SqliteDatabase(path()).execute("CREATE INDEX ProcessNames ON ProcessData (UniqueID); PRAGMA user_version = 1");
+    PowerLogDatabase later(folder_.path(), {});
+    EXPECT_EQ(later.write(activationOf({.bundleID = "new"}), kStart), std::nullopt);
+    EXPECT_EQ(activations(), 2);
+    SqliteDatabase migrated(path());
+    EXPECT_EQ(migrated.number("PRAGMA user_version"), 2);
+    EXPECT_EQ(migrated.number("SELECT count(*) FROM sqlite_schema WHERE name = 'ProcessNames'"), 0);
+    EXPECT_FALSE(std::filesystem::exists(path(".newer-1")));
 }
 
 TEST_F(PowerLogDatabaseTest, MovesAFileOfAnImpossibleVersionAside) {

@@ -80,6 +80,8 @@ TEST_F(MemorySnapshot, IsWrittenAtOnceAndMovedWhenComplete) {
 
 TEST_F(MemorySnapshot, TellsWhatItWroteInOneQuietLine) {
     takeMemorySnapshot();
+    ASSERT_EQ(device.log.events().size(), 1u);
+    EXPECT_EQ(device.log.events().front().first, LogEvent{LogEventKind::snapshotWritten});
     const auto size = device.files.read(reportPath())->size();
     EXPECT_THAT(lines(), ElementsAre(platformLine(LogLevel::info, "Memory snapshot written: " + reportPath() + " (" +
                                                                       std::to_string(size) + " bytes)")));

@@ -2,6 +2,7 @@
 """Checks the units of packaging/: systemd's own verification, and the folders that tmpfiles makes, in a temporary root.
 What needs a tool that is not installed is skipped."""
 import os
+import re
 import shutil
 import stat
 import subprocess
@@ -11,7 +12,8 @@ from pathlib import Path
 
 PACKAGING = Path(__file__).resolve().parents[2] / "packaging"
 PATH_UNITS = ("quorvixd.path", "quorvixd-activations.path", "quorvixd-profile.path")
-UNITS = ("quorvixd.service", *PATH_UNITS, "quorvixd.socket")
+UNITS = ("quorvixd.service", *PATH_UNITS, "quorvixd.socket", "quorvixd-prune.timer", "quorvixd-prune.service",
+         "quorvixd-reports.path", "quorvixd-reports.service")
 TMPFILES = PACKAGING / "tmpfiles.d" / "quorvixd.conf"
 
 
@@ -42,7 +44,9 @@ class Units(unittest.TestCase):
     def test_systemd_accepts_the_units(self):
         # Copies whose program is one that exists here: that the daemon is not installed is no fault of the unit.
         for unit in UNITS:
-            text = (PACKAGING / unit).read_text().replace("/usr/sbin/quorvixd", "/bin/true")
+            text = (PACKAGING / unit).read_text()
+            for program in ("/usr/sbin/quorvixd", "/usr/sbin/quorvixctl", "/usr/lib/quorvix/report-hooks"):
+                text = re.sub(rf"(?m)^(Exec\w+=){program}\b", r"\1/bin/true", text)
             (self.root / unit).write_text(text)
         result = subprocess.run(["systemd-analyze", "verify", "--man=no", *(self.root / unit for unit in UNITS)],
                                 env={**os.environ, "SYSTEMD_UNIT_PATH": f"{self.root}:"}, capture_output=True, text=True,
@@ -81,6 +85,44 @@ class Units(unittest.TestCase):
             path.write_text("")
         self.before_a_start()
         self.assertEqual([path.exists() for path in left + kept], [False, False, True, True])
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
+    def test_little_is_exposed(self):
+        for unit in ("quorvixd.service", "quorvixd-prune.service"):
+            result = subprocess.run(["systemd-analyze", "security", "--no-pager", "--offline=yes", PACKAGING / unit],
+                                    capture_output=True, text=True, check=False)
+            exposure = float(result.stdout.split(f"Overall exposure level for {unit}:")[1].split()[0])
+            self.assertLessEqual(exposure, 4.0)
+
+    def test_what_is_exposed_has_its_reason_in_the_unit(self):
+        text = (PACKAGING / "quorvixd.service").read_text()
+        explained = text[text.index("# What it needs beyond that:"):text.index("\n[Install]")]
+        for setting in ("User=", "RootDirectory=", "ProtectProc=", "ProcSubset=", "PrivateUsers=", "ProtectKernelTunables=",
+                        "ProtectKernelLogs=", "ProtectHome=", "RestrictAddressFamilies=", "DeviceAllow=", "UMask="):
+            self.assertIn(f"   {setting}" if setting in ("User=",) else setting, explained)
+        for capability in " ".join(lines_of("quorvixd.service", "CapabilityBoundingSet")).split():
+            self.assertRegex(explained, rf"#.*{capability}\b")
+
+    @unittest.skipUnless(shutil.which("systemd-tmpfiles") and os.geteuid() == 0, "needs systemd-tmpfiles and root")
+    def test_without_tmpfiles_the_same_folders_are_made(self):
+        other = self.root / "other"
+        self.root = self.root / "one"
+        for root in (self.root, other):
+            for name in ("run", "var/lib", "Library"):
+                (root / name).mkdir(parents=True)
+        self.tmpfiles("--create", "--remove")
+        for _ in range(2):
+            subprocess.run([PACKAGING / "make-folders", other], check=True)
+
+        def folders(root):
+            return {str(path.relative_to(root)): stat.S_IMODE(path.stat().st_mode) for path in root.rglob("*")}
+        self.assertEqual(folders(other), folders(self.root))
+        left = [other / "var/root/Library/Caches/quorvixd/tmp/half", other / "Library/Logs/Faultbox/.memory-snapshot-x.ips"]
+        kept = other / "var/root/Library/Caches/quorvixd/spool/report"
+        for path in [*left, kept]:
+            path.write_text("")
+        subprocess.run([PACKAGING / "make-folders", other], check=True)
+        self.assertEqual([path.exists() for path in [*left, kept]], [False, False, True])
 
     def before_a_start(self):
         """What the unit runs, with the root and the list of this test."""

@@ -1,0 +1,43 @@
+"""On older kernels: with calls taken away by a filter, the next way down leads to the same report."""
+
+import os
+import subprocess
+import sys
+import unittest
+
+import harness
+import old_kernel
+
+FILTER = [sys.executable, "-B", os.path.join(os.path.dirname(os.path.realpath(__file__)), "old_kernel.py")]
+PROBES = {
+    "openat2": "libc.syscall({openat2}, 0, 0, 0, 0)",
+    "renameat2": "libc.syscall({renameat2}, -1, 0, -1, 0, 0)",
+    "bpf": "libc.syscall({bpf}, 0, 0, 0)",
+    "peer-pidfd": "libc.getsockopt(socket.socketpair()[0].fileno(), 1, 77, 0, 0)",
+    "noexec-seal": "libc.memfd_create(b'x', 8)",
+}
+
+
+@unittest.skipUnless(os.uname().machine in old_kernel.NUMBERS, "the calls' numbers are not known for this processor")
+class OldKernels(harness.DaemonTest):
+    def test_the_filter_answers_as_such_a_kernel(self):
+        for name, probe in PROBES.items():
+            call = probe.format(**old_kernel.NUMBERS[os.uname().machine])
+            code = f"import ctypes, socket; libc = ctypes.CDLL(None, use_errno=True); print({call}, ctypes.get_errno())"
+            answer = subprocess.run([*FILTER, name, sys.executable, "-c", code], check=True, capture_output=True,
+                                    text=True).stdout
+            self.assertEqual(answer, f"-1 {old_kernel.MISSING[name][1]}\n", name)
+
+    def test_a_hang_becomes_a_report_with_everything_taken_away(self):
+        everything = ",".join(old_kernel.MISSING)
+        self.world.install_trace_library()
+        daemon = self.world.start(prefix=[*FILTER, everything], QuorvixEnableSwivex="true")
+        app = subprocess.Popen([*FILTER, everything, str(harness.BUILD / "bin/quorvix_poll_app"), "300", "hang", "200",
+                                "after", "0.1"], stdout=subprocess.DEVNULL)
+        self.addCleanup(lambda: (app.kill(), app.wait()))
+        daemon.wait_line("Report written: ")
+        (report,) = harness.reports()
+        self.assertEqual(harness.reason_of(report)["PID"], app.pid)
+        # A peer's end is seen all the same.
+        app.kill()
+        daemon.wait_line(f"Client disconnected: {app.pid}")
