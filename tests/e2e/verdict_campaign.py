@@ -107,7 +107,7 @@ class Campaign:
         world = self.harness.World()
         try:
             self.harness.TRACE_LIBRARY.unlink(missing_ok=True)
-            self.harness.TRACE_LIBRARY.write_bytes(next(self.bin.parent.glob("**/swivex/libswivex.dylib")).read_bytes())
+            self.harness.TRACE_LIBRARY.write_bytes((self.bin.parent / "swivex/libswivex.dylib").read_bytes())
             daemon = world.start(QuorvixEnableSwivex="true", QuorvixDailyLogLimit="100000")
             end = time.monotonic() + seconds
             for number in range(rounds):
@@ -161,7 +161,10 @@ class Campaign:
     @staticmethod
     def said_by(shown):
         """The verdict and the shares of a report in the names used here."""
-        raise NotImplementedError
+        times = shown["verdict"]["times"]
+        names = {"ran": "running", "waited": "runnable", "slept": "sleeping", "io": "uninterruptible", "stopped": "stopped"}
+        shares = {name: times[f"{theirs}_ns"] / shown["duration_ns"] for name, theirs in names.items()}
+        return shown["verdict"]["cause"], shares
 
     def note(self, right, text, difference=None):
         self.results.append((right, difference))
