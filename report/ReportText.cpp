@@ -140,7 +140,8 @@ std::vector<std::string> evidenceOf(const HangReport& report) {
         if (longest != report.waits.end() && !longest->wait.hasEnded)
             lines.push_back("its longest wait had not ended when the report was made");
     }
-    if (waited && report.timeline.ongoing && !report.waitPlace.text.empty()) {
+    if (waited && report.timeline.ongoing && report.timeline.ongoing->activity != Activity::runnable &&
+        !report.waitPlace.text.empty()) {
         lines.push_back("when the report was made it waited for " + std::string(report.waitPlace.text) + ", in " +
                         escaped(report.waitPlace.function));
     }
@@ -190,7 +191,7 @@ std::string reportText(const HangReport& report) {
     for (const ToldWait& told : report.waits) {
         std::string text = std::string(wordOf(told.wait.activity)) + " from " +
                            offsetText(told.wait.interval.beginNs, report.window) + "; " + endText(told);
-        if (!told.wait.hasEnded && !report.waitPlace.text.empty())
+        if (!told.wait.hasEnded && told.wait.activity != Activity::runnable && !report.waitPlace.text.empty())
             text += "; waits for " + std::string(report.waitPlace.text);
         if (told.wakerBefore) text += ", which until then " + doings(*told.wakerBefore);
         appendRow(out, durationText(told.wait.inWindowNs), 10, text);

@@ -43,6 +43,16 @@ class IncludeRule(unittest.TestCase):
     def test_a_subsystem_may_not_use_the_linux_platform(self):
         self.refuses("hang/Bad.cpp", '#include "platform/linux/Files.h"')
 
+    def test_the_report_reader_stands_by_itself(self):
+        self.plant("platform/Result.h", "")
+        self.plant("report/Reader.h", "")
+        self.plant("swivex/Writer.h", "")
+        self.accepts("ctl/Good.cpp", '#include "report/Reader.h"')
+        self.accepts("report/Good.cpp", '#include <zlib.h>\n#include "report/Reader.h"\n#include "platform/Result.h"')
+        self.refuses("report/Bad.cpp", '#include "swivex/Writer.h"')
+        self.refuses("report/Bad.cpp", '#include "platform/Files.h"')
+        self.refuses("report/Bad.cpp", '#include "hang/Registry.h"')
+
     def test_a_subsystem_may_not_use_the_simulation(self):
         self.refuses("service/Bad.cpp", '#include "platform/sim/Files.h"')
 

@@ -91,6 +91,15 @@ TEST(HangReport, BusyAndStarvedNameWhoElseRan) {
     EXPECT_EQ(report.topUsers[1].ranNs, 350 * kMs);
 }
 
+TEST(HangReport, AThreadThatWaitsForACpuInAFileSystemWaitsForNothingElse) {
+    TraceEncoder trace = hang();
+    trace.events(0, {switched(1000 * kMs, kHung, 0, kWorker)});
+    trace.stack(kHung, kHung, {{.name = "folio_wait_bit_common", .isKernel = true}});
+    const HangReport report = read(trace);
+    EXPECT_EQ(report.verdict.cause, Cause::starved);
+    EXPECT_THAT(reportText(report), Not(HasSubstr("a page of a file")));
+}
+
 TEST(HangReport, APollingThreadIsBlockedAndItsTimerIsNotTheCulprit) {
     TraceEncoder trace = hang();
     std::vector<SchedEvent> events = {switched(1000 * kMs, kHung, kInterruptible, 0)};
