@@ -7,6 +7,9 @@ namespace quorvix::report {
 
 namespace {
 
+// A wait is told when it takes at least this part of the hang.
+constexpr std::uint64_t kLeastToldWait = 1000;
+
 constexpr std::uint32_t kFtraceEvents = 1;
 
 std::string_view programOf(std::string_view path) {
@@ -162,6 +165,8 @@ private:
         std::vector<Looked> looked;
         for (const Wait& wait : report_.timeline.longestWaits) {
             if (report_.waits.size() >= depth_.waits) break;
+            // The longest first: behind one that matters, those of no weight would only be in the way.
+            if (!report_.waits.empty() && wait.inWindowNs < report_.window.length() / kLeastToldWait) break;
             ToldWait told{.wait = wait, .waker = {}, .wakerBefore = {}};
             if (wait.waker) {
                 told.waker = labelOf(wait.waker->tid);
