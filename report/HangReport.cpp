@@ -7,7 +7,7 @@ namespace quorvix::report {
 
 namespace {
 
-// A wait is told when it takes at least this part of the hang.
+// A wait is told when it takes at least one part in so many of the hang.
 constexpr std::uint64_t kLeastToldWait = 1000;
 
 constexpr std::uint32_t kFtraceEvents = 1;
