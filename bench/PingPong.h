@@ -9,7 +9,7 @@
 
 namespace quorvix::bench {
 
-// Two processes that hand a byte to and fro: two switches and two wakings a round, and as good as nothing else.
+// Two processes that hand a byte to and fro: two switches and one or two wakings a round, and as good as nothing else.
 class PingPong {
 public:
     PingPong() {

@@ -11,7 +11,7 @@ from pathlib import Path
 
 PACKAGING = Path(__file__).resolve().parents[2] / "packaging"
 PATH_UNITS = ("quorvixd.path", "quorvixd-activations.path", "quorvixd-profile.path")
-UNITS = ("quorvixd.service", *PATH_UNITS, "quorvixd.socket")
+UNITS = ("quorvixd.service", *PATH_UNITS, "quorvixd.socket", "quorvixd-recorder.service")
 TMPFILES = PACKAGING / "tmpfiles.d" / "quorvixd.conf"
 
 
@@ -42,7 +42,9 @@ class Units(unittest.TestCase):
     def test_systemd_accepts_the_units(self):
         # Copies whose program is one that exists here: that the daemon is not installed is no fault of the unit.
         for unit in UNITS:
-            text = (PACKAGING / unit).read_text().replace("/usr/sbin/quorvixd", "/bin/true")
+            text = (PACKAGING / unit).read_text()
+            for program in ("/usr/sbin/quorvixd", "/usr/sbin/quorvixctl"):
+                text = text.replace(program, "/bin/true")
             (self.root / unit).write_text(text)
         result = subprocess.run(["systemd-analyze", "verify", "--man=no", *(self.root / unit for unit in UNITS)],
                                 env={**os.environ, "SYSTEMD_UNIT_PATH": f"{self.root}:"}, capture_output=True, text=True,
