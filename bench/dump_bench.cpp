@@ -37,6 +37,13 @@ double mebibytes(const char* key) {
     return static_cast<double>(swivex::numbersOf(*status, key).at(0)) / 1024;
 }
 
+// The thread's processor time: what others do on the CPU is not in it.
+double cpuNs() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+}
+
 // Loads every CPU's whole ring; gives the bytes.
 std::size_t loadAll(swivex::MappedRing& ring) {
     const auto deadline = swivex::Deadline::in(std::chrono::seconds(60));
@@ -58,13 +65,13 @@ void ringInMemory(const swivex::TraceInstance& instance) {
     std::memset(to.get(), 2, bytes);
     Comparison comparison("dump: the rings into memory, beside a copy of as many bytes", "ms");
     for (int round = 0; round < kRounds; ++round) {
-        double begin = nowNs();
+        double begin = cpuNs();
         std::memcpy(to.get(), from.get(), bytes);
         __asm__ volatile("" : : "r"(to.get()) : "memory");
-        const double floor = nowNs() - begin;
-        begin = nowNs();
+        const double floor = cpuNs() - begin;
+        begin = cpuNs();
         loadAll(ring);
-        comparison.add((nowNs() - begin) / 1e6, floor / 1e6);
+        comparison.add((cpuNs() - begin) / 1e6, floor / 1e6);
     }
     std::printf("dump: the rings hold %.1f MiB\n", static_cast<double>(bytes) / 1048576);
     comparison.print(Goal::atMost, kMostRatio);

@@ -18,14 +18,14 @@ namespace {
 
 constexpr int kRounds = 21;
 constexpr int kHandovers = 20'000;
-constexpr int kCompiles = 5;
+constexpr int kCompiles = 3;
 constexpr double kMostWorstCase = 1.30;
 constexpr double kMostShare = 0.01;
 
 double timed(PingPong& pair) {
-    const double begin = nowNs();
+    const double begin = pair.cpuNs();
     pair.run(kHandovers);
-    return (nowNs() - begin) / kHandovers;
+    return (pair.cpuNs() - begin) / kHandovers;
 }
 
 // What one event costs, in ns, from the difference that it makes in the worst case.
@@ -33,7 +33,7 @@ double worstCase(RecorderInstance& recorder) {
     cpu_set_t before;
     require(sched_getaffinity(0, sizeof before, &before) == 0, "sched_getaffinity");
     pinToOneCpu();
-    Comparison comparison("recorder: a byte to another process and back, one CPU", "ns");
+    Comparison comparison("recorder: CPU time of a byte to another process and back", "ns");
     std::vector<double> costs;
     {
         PingPong pair;
@@ -45,7 +45,8 @@ double worstCase(RecorderInstance& recorder) {
             const double with = timed(pair);
             const double events = recorder.events() - first;
             recorder.off();
-            require(events >= 4.0 * kHandovers * 0.9, "the recorder saw the hand-overs");
+            // Two switches and at least one waking a hand-over: who is woken may run at once and find the other awake.
+            require(events >= 3.0 * kHandovers * 0.9, "the recorder saw the hand-overs");
             comparison.add(with, without);
             costs.push_back((with - without) * kHandovers / events);
         }
@@ -80,9 +81,8 @@ Compiled compile(const std::string& folder) {
 void everydayCase(RecorderInstance& recorder, double eventNs) {
     std::string folder = "/tmp/quorvix-recorder-bench-XXXXXX";
     require(mkdtemp(folder.data()) != nullptr, "a folder");
-    std::ofstream(folder + "/a.cpp")
-        << "#include <regex>\n#include <map>\n#include <string>\n"
-           "bool f(const std::string& s) { return std::regex_match(s, std::regex(\"a*b\")); }\n";
+    std::ofstream(folder + "/a.cpp") << "#include <map>\n#include <vector>\n#include <string>\n"
+                                        "std::map<std::string, std::vector<int>> f() { return {{\"a\", {1, 2}}}; }\n";
     Comparison wall("recorder: two compilers, wall time", "ns");
     std::vector<double> shares;
     compile(folder);

@@ -127,7 +127,7 @@ Outcome<bool> FlightRecorder::disarm(double patienceSeconds) {
     const timespec pause{0, 20'000'000};
     for (double waited = 0;; waited += 0.02) {
         if (::rmdir(instance_.folder().c_str()) == 0) return true;
-        // Busy while a dump has a ring mapped or a daemon has its marker open.
+        // Busy while a dump has a ring mapped or somebody has its marker open.
         if (errno != EBUSY || waited >= patienceSeconds) {
             const int error = errno;
             (void)!!writeSmallFile(instance_.file("tracing_on"), "1");

@@ -106,9 +106,9 @@ StackCapture captureStacks(pid_t pid, Clock::time_point deadline, bool kernelSym
     static std::mutex oneAtATime;
     static Unended unended;
     const std::lock_guard lock(oneAtATime);
+    if (unended.reapAll() >= kMostUnended) return failed("earlier captures have not ended yet");
     if (pid <= 0) return failed("no such process");
     if (deadline - kToEnd <= Clock::now()) return failed("no time left");
-    if (unended.reapAll() >= kMostUnended) return failed("earlier captures have not ended yet");
     RecordRegion region;
     if (!region.isMapped()) return failed("no memory");
     const StackRequest request{pid, deadline - kToEnd, kernelSymbols, route};

@@ -1,7 +1,6 @@
 #include "platform/linux/Signposts.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quorvix::linuxos {
@@ -44,24 +43,7 @@ std::string signpostText(std::string_view format, const SignpostTelemetry& telem
     }
 }
 
-bool LinuxSignposts::enabled() {
-    const std::lock_guard lock(mutex_);
-    return open();
-}
-
-bool LinuxSignposts::open() {
-    struct stat status {};
-    if (::stat(markerPath_.c_str(), &status) != 0) {
-        // An instance can't be removed while its marker is held open.
-        marker_.reset();
-        return false;
-    }
-    if (marker_ && status.st_dev == device_ && status.st_ino == inode_) return true;
-    marker_.reset(::open(markerPath_.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
-    return static_cast<bool>(marker_);
-}
+bool LinuxSignposts::enabled() { return ::access(markerPath_.c_str(), W_OK) == 0; }
 
 void LinuxSignposts::intervalBegin(std::uint32_t identifier, std::string_view name, std::string_view format,
                                    const SignpostTelemetry& telemetry) {
@@ -76,20 +58,21 @@ void LinuxSignposts::intervalEnd(std::uint32_t identifier, std::string_view name
 void LinuxSignposts::write(char kind, std::uint32_t identifier, std::string_view name, std::string_view text) {
     const std::string pid = std::to_string(::getpid());
     const std::lock_guard lock(mutex_);
-    if (!open()) {
+    // Not kept: the recorder can't be switched off while its marker is held open.
+    const Descriptor marker(::open(markerPath_.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!marker) {
         ++failed_;
         return;
     }
-    writeLine(oneLine(std::string(1, kind) + "|" + pid + "|" + std::string(name) + "|" + std::to_string(identifier)));
-    writeLine(oneLine("I|" + pid + "|" + std::string(text)));
+    writeLine(marker,
+              oneLine(std::string(1, kind) + "|" + pid + "|" + std::string(name) + "|" + std::to_string(identifier)));
+    writeLine(marker, oneLine("I|" + pid + "|" + std::string(text)));
 }
 
-void LinuxSignposts::writeLine(const std::string& line) {
+void LinuxSignposts::writeLine(const Descriptor& marker, const std::string& line) {
     const std::string bytes = line + "\n";
-    const ssize_t count = ::write(marker_.get(), bytes.data(), bytes.size());
+    const ssize_t count = ::write(marker.get(), bytes.data(), bytes.size());
     ++(count == static_cast<ssize_t>(bytes.size()) ? written_ : failed_);
-    // The instance may be gone or switched off: the next event looks again.
-    if (count < 0) marker_.reset();
 }
 
 JsonObject LinuxSignposts::selfCounters() const {

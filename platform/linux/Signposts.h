@@ -16,7 +16,7 @@ namespace quorvix::linuxos {
 //   F|<pid>|<name>|<identifier>      it ends
 //   I|<pid>|<text>                   beside each: the event's text, its telemetry filled in
 //
-// The marker is kept open and opened anew after its instance came, went or was replaced. Writing never waits: it is a
+// The marker is opened for each event, so that its instance can be removed at any time. Writing never waits: it is a
 // copy into the kernel's buffer. Callable from any thread.
 class LinuxSignposts final : public Signposts {
 public:
@@ -33,16 +33,11 @@ public:
     JsonObject selfCounters() const;
 
 private:
-    // Under the mutex: whether the marker is open and still the one at its path.
-    bool open();
     void write(char kind, std::uint32_t identifier, std::string_view name, std::string_view text);
-    void writeLine(const std::string& line);
+    void writeLine(const Descriptor& marker, const std::string& line);
 
     const std::string markerPath_;
     mutable std::mutex mutex_;
-    Descriptor marker_;
-    std::uint64_t device_ = 0;
-    std::uint64_t inode_ = 0;
     std::uint64_t written_ = 0;
     std::uint64_t failed_ = 0;
 };

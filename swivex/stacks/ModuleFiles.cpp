@@ -6,13 +6,11 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cstdio>
 #include <set>
-#include <string_view>
 #include <utility>
 
+#include "swivex/stacks/MountTable.h"
 #include "swivex/stacks/ProcFile.h"
 #include "swivex/stacks/RemoteMemory.h"
 
@@ -24,33 +22,6 @@ constexpr std::size_t kMostMountBytes = 1 << 20;
 constexpr std::size_t kMostModules = 4096;
 constexpr std::size_t kMostVdsoBytes = 64 * 1024;
 constexpr const char kVdso[] = "[vdso]";
-
-using Device = std::pair<std::uint32_t, std::uint32_t>;
-
-// A FUSE file system is a program that may hang, and may be what the process hangs at.
-bool mayNeverAnswer(std::string_view type) {
-    constexpr std::array<std::string_view, 8> kTypes = {"fuseblk", "nfs", "nfs4", "cifs", "smb3", "ceph", "afs", "9p"};
-    return type == "fuse" || type.starts_with("fuse.") || std::find(kTypes.begin(), kTypes.end(), type) != kTypes.end();
-}
-
-// The devices of such file systems, from text like "36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw".
-std::set<Device> devicesThatMayNeverAnswer(std::string_view mounts) {
-    std::set<Device> devices;
-    while (!mounts.empty()) {
-        const std::size_t end = std::min(mounts.find('\n'), mounts.size());
-        const std::string line(mounts.substr(0, end));
-        mounts.remove_prefix(std::min(end + 1, mounts.size()));
-        Device device;
-        const std::size_t separator = line.find(" - ");
-        if (separator == std::string::npos ||
-            std::sscanf(line.c_str(), "%*u %*u %u:%u", &device.first, &device.second) != 2) {
-            continue;
-        }
-        const std::size_t type = separator + 3;
-        if (mayNeverAnswer(std::string_view(line).substr(type, line.find(' ', type) - type))) devices.insert(device);
-    }
-    return devices;
-}
 
 // Opened without a look at what it is, and so without any effect.
 Descriptor findByMapping(pid_t pid, const Mapping& mapping) {
@@ -101,8 +72,7 @@ void open(pid_t pid, ModuleFile& module) {
 std::vector<ModuleFile> openModuleFiles(pid_t pid, const MemoryMap& map,
                                         std::chrono::steady_clock::time_point deadline) {
     std::vector<ModuleFile> modules;
-    std::set<Device> avoided;
-    bool knowsMounts = false;
+    const std::set<Device> avoided = devicesThatMayNotAnswer(readProcFile(pid, "mountinfo", kMostMountBytes));
     for (const Mapping& mapping : map.mappings()) {
         if (!mapping.isExecutable || modules.size() == kMostModules) continue;
         ModuleFile module;
@@ -113,16 +83,10 @@ std::vector<ModuleFile> openModuleFiles(pid_t pid, const MemoryMap& map,
             continue;  // code made at run time
         } else if (std::chrono::steady_clock::now() >= deadline) {
             module.problem = "no time left to open it";
+        } else if (avoided.contains({mapping.deviceMajor, mapping.deviceMinor})) {
+            module.problem = "lies on a file system that may not answer";
         } else {
-            // Such file systems have no device of their own.
-            if (mapping.deviceMajor == 0 && !std::exchange(knowsMounts, true)) {
-                avoided = devicesThatMayNeverAnswer(readProcFile(pid, "mountinfo", kMostMountBytes));
-            }
-            if (avoided.contains({mapping.deviceMajor, mapping.deviceMinor})) {
-                module.problem = "lies on a file system that may not answer";
-            } else {
-                open(pid, module);
-            }
+            open(pid, module);
         }
         modules.push_back(std::move(module));
     }

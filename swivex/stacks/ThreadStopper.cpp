@@ -17,8 +17,10 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-// A thread that runs stops within microseconds; one that waits for a CPU may take as long as a time slice of others.
-constexpr std::chrono::milliseconds kPatience{20};
+// A thread that runs stops within microseconds; one that waits for a CPU takes as long as others have theirs, and is
+// not held up meanwhile. So a share of the time that is left, which leaves some for the next.
+constexpr int kShareOfRest = 4;
+constexpr std::chrono::milliseconds kMostPatience{500};
 // From then on the wait no longer keeps a CPU busy.
 constexpr std::chrono::microseconds kSpin{300};
 
@@ -95,7 +97,9 @@ void ThreadStopper::captureOne(CapturedThread& thread) {
         return;
     }
     int signal = 0;
-    if (!waitForStop(tid, std::min(begin + kPatience, limits_.deadline), signal)) {
+    const Clock::duration patience =
+        std::min<Clock::duration>((limits_.deadline - begin) / kShareOfRest, kMostPatience);
+    if (!waitForStop(tid, begin + patience, signal)) {
         thread.stack.problem = "did not stop in time";
         givenUp_.push_back(tid);
         return;

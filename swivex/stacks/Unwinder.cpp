@@ -115,6 +115,7 @@ private:
     void report();
     Code* findCode(std::uint64_t pc);
     int numberOf(std::uint64_t pc);
+    std::string whyEnded(const ThreadStack& stack);
     void addFrame(std::uint64_t pc, bool isExact);
 
     Elf64_Ehdr header_ = headerOfThisProcessor();
@@ -263,10 +264,18 @@ void Unwinder::State::unwind(CapturedThread& thread, std::chrono::steady_clock::
     if (stopped_) {
         thread.stack.problem = stopped_;
     } else if (result < 0) {
-        const char* const message = dwfl_errmsg(-1);
-        thread.stack.problem = std::string("unwinding ended: ") + (message ? message : "unknown");
+        thread.stack.problem = whyEnded(thread.stack);
     }
     thread_ = nullptr;
+}
+
+std::string Unwinder::State::whyEnded(const ThreadStack& stack) {
+    const char* const message = dwfl_errmsg(-1);
+    const Code* const code = stack.user.empty() ? nullptr : findCode(stack.user.back().pc);
+    if (code && !code->file->problem.empty()) {
+        return "unwinding ended in " + code->module.path + ", which " + code->file->problem;
+    }
+    return std::string("unwinding ended: ") + (message ? message : "unknown");
 }
 
 Unwinder::Unwinder(pid_t pid, std::vector<ModuleFile>& modules) : state_(std::make_unique<State>(pid, modules)) {}

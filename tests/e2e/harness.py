@@ -257,8 +257,10 @@ class World:
         ctl("prefs", "set", key, value)
 
     def install_trace_library(self, variant="standin_swivex"):
-        """One of the small libraries that stand in for the real one."""
-        shutil.copy(BUILD / f"standin/{variant}/libswivex.dylib", TRACE_LIBRARY)
+        """The trace library, or one of the small ones that stand in for it where a test wants to see what it was asked
+        for, or wants it to fail."""
+        folder = "swivex" if variant == "swivex" else f"standin/{variant}"
+        shutil.copy(BUILD / folder / "libswivex.dylib", TRACE_LIBRARY)
 
     def start(self, prefix=(), **preferences):
         """A ready daemon with hang tracing on, unless the test sets it otherwise."""
@@ -271,7 +273,7 @@ class World:
         return daemon
 
     def start_reporting(self, variant="standin_swivex", **preferences):
-        """A daemon that writes reports through a stand-in for the trace library."""
+        """A daemon that writes reports through this trace library."""
         self.install_trace_library(variant)
         return self.start(**{"QuorvixEnableSwivex": "true", **preferences})
 
@@ -315,6 +317,12 @@ class World:
 
 def reports():
     return sorted(SPOOL.iterdir()) if SPOOL.is_dir() else []
+
+
+def real_reason_of(report):
+    """The reason record in a report of the real trace library, where it stands uncompressed."""
+    text = report.read_bytes()
+    return json.JSONDecoder().raw_decode(text[text.index(b'{"Reason"'):].decode(errors="replace"))[0]
 
 
 def reason_of(report):

@@ -207,6 +207,30 @@ class Reports(harness.DaemonTest):
         self.daemon.wait_line(": Hang detected 0.00s ((null))")
 
 
+class RealReports(harness.DaemonTest):
+    """Reports of the trace library itself."""
+
+    def test_report_tells_its_reason_and_ends_with_its_mark(self):
+        self.daemon = self.world.start_reporting("swivex")
+        client = self.world.watched_client(self.daemon)
+        client.hang_detected("work", save_report=True)
+        self.daemon.wait_line("Log credits: 4 -> 3")
+        (report,) = harness.reports()
+        self.assertEqual(mode(report), 0o644)
+        reason = harness.real_reason_of(report)
+        self.assertEqual((reason["PID"], reason["ServiceName"]), (os.getpid(), "work"))
+        self.assertIn(b"com.norvane.quorvix.end", report.read_bytes()[-80:])
+
+    def test_several_reports_leave_nothing_open(self):
+        self.daemon = self.world.start_reporting("swivex")
+        client = self.world.watched_client(self.daemon)
+        for number in range(3):
+            client.hang_detected(f"work {number}", save_report=True)
+        self.daemon.wait_line("Log credits: 2 -> 1")
+        self.assertEqual(len(harness.reports()), 3)
+        # What it holds open is compared when the test ends.
+
+
 class TraceLibrary(harness.DaemonTest):
     def hangs(self, variant, count=2):
         if variant:

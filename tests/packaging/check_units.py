@@ -12,8 +12,8 @@ from pathlib import Path
 
 PACKAGING = Path(__file__).resolve().parents[2] / "packaging"
 PATH_UNITS = ("quorvixd.path", "quorvixd-activations.path", "quorvixd-profile.path")
-UNITS = ("quorvixd.service", *PATH_UNITS, "quorvixd.socket", "quorvixd-prune.timer", "quorvixd-prune.service",
-         "quorvixd-reports.path", "quorvixd-reports.service")
+UNITS = ("quorvixd.service", *PATH_UNITS, "quorvixd.socket", "quorvixd-recorder.service", "quorvixd-prune.timer",
+         "quorvixd-prune.service", "quorvixd-reports.path", "quorvixd-reports.service")
 TMPFILES = PACKAGING / "tmpfiles.d" / "quorvixd.conf"
 
 

@@ -116,6 +116,19 @@ TEST_F(Stacks, OfADeletedProgram) {
     tests::expectTruth(found, found.threads[0], target.truth().at(target.pid()));
 }
 
+// As in a container: the program's path leads to nothing here.
+TEST_F(Stacks, OfAProgramThatOnlyItsOwnFileSystemHas) {
+    const std::string script = "mount -t tmpfs none /mnt && cp " QUORVIX_STACK_TARGETS
+                               "/stack_target_plain /mnt/only-here && exec /mnt/only-here chain 1 4 sleep";
+    const TargetProcess target("/usr/bin/unshare", {"-m", "sh", "-c", script});
+    if (!target.isReady()) GTEST_SKIP() << "no mount namespace can be made here";
+    tests::waitUntilAsleep(target.pid(), 1);
+    ASSERT_NE(access("/mnt/only-here", F_OK), 0);
+    const StackCapture found = captureStacks(target.pid(), tests::inSeconds(10), true);
+    ASSERT_EQ(found.threads.size(), 1u);
+    tests::expectTruth(found, found.threads[0], target.truth().at(target.pid()));
+}
+
 TEST_F(Stacks, AreWholeUpToWhatIsKept) {
     const TargetProcess target("stack_target_plain", {"chain", "1", "120", "sleep"});
     ASSERT_TRUE(target.isReady());
