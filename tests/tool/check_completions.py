@@ -92,7 +92,7 @@ class Zsh(Shell):
 
     def test_zsh_takes_it_for_its_own_system(self):
         (self.folder / "_quorvixctl").write_text(script("zsh"))
-        result = self.run_in(["zsh", "-f"], "fpath=(. $fpath); autoload -U compinit; compinit -u -D; print $_comps[quorvixctl]\n")
+        result = self.run_in(["zsh", "-f"], "fpath=($PWD $fpath); autoload -U compinit; compinit -u -D; print $_comps[quorvixctl]\n")
         self.assertEqual(result.stdout.strip(), "_quorvixctl")
 
 
