@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "ctl/PowerLogQuery.h"
+#include "ctl/Printable.h"
 #include "ctl/TextTable.h"
 #include "perfstats/ConsoleRendering.h"
 #include "perfstats/VMColumns.h"
@@ -158,7 +159,7 @@ ExitStatus onStore(const ToolServices& services, const Work& work) {
 
 void print(const ToolServices& services, const QueryResult& result, OutputForm form) {
     if (form == OutputForm::json) {
-        services.out << result.json().dump(2) << "\n";
+        services.out << jsonText(result.json());
     } else {
         services.out << result.table();
     }
@@ -218,7 +219,7 @@ ExitStatus ActivationsCommand::show(const std::string& id, OutputForm form) cons
             auto json = without(record, {"Activation"}).json()[0];
             json["Processes"] = readableProcesses(processes).json();
             json["Memory"] = memoryChanges(memory).json();
-            services_.out << json.dump(2) << "\n";
+            services_.out << jsonText(json);
         } else {
             services_.out << recordText(without(record, {"Activation"})) << "\nprocesses\n"
                           << readableProcesses(processes).table() << "\nmemory\n"

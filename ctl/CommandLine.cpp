@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <ostream>
 
 #include "ctl/ActivationMessages.h"
@@ -12,81 +13,34 @@
 #include "ctl/ActivationsCommand.h"
 #include "ctl/MemoryCommand.h"
 #include "ctl/PreferencesCommand.h"
+#include "ctl/Printable.h"
 #include "ctl/PruneCommand.h"
 #include "ctl/RecorderCommand.h"
 #include "ctl/ReportCommand.h"
-#include "ctl/StateReport.h"
-#include "ctl/StateSocket.h"
 #include "ctl/SwitchCommand.h"
+#include "ctl/Verb.h"
 #include "platform/linux/MessageCodec.h"
 
 namespace quorvix::ctl {
 
 namespace {
 
-constexpr std::size_t kMaximumNotificationName = 255;
-
-bool isNotificationName(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.size() <= kMaximumNotificationName &&
-           name.find('/') == std::string::npos;
-}
-
-ExitStatus notify(const std::string& name, const ToolServices& services) {
-    if (!isNotificationName(name)) {
-        services.error << "quorvixctl: a notification is a name such as com.norvane.da.tasking_changed: at most "
-                       << kMaximumNotificationName << " bytes, without \"/\"\n";
-        return ExitStatus::usage;
-    }
-    if (const Result<void> posted = services.post(name); !posted) {
-        services.error << "quorvixctl: " << printable(name) << " could not be posted: " << posted.error().text()
-                       << "\n";
-        return ExitStatus::failed;
-    }
-    return ExitStatus::done;
-}
-
-std::string stateFailure(ErrorCode error, const std::string& path) {
-    switch (error.value) {
-        case ENOENT:
-        case ECONNREFUSED:
-            return "quorvixd is not running (nothing listens at " + path +
-                   "). It ends by itself while everything is switched off: see \"quorvixctl prefs list\"";
-        case EACCES:
-        case EPERM: return "only root may read quorvixd's state (" + path + ")";
-        case ETIMEDOUT: return "quorvixd did not give its state in time";
-        default: return "quorvixd's state could not be read from " + path + ": " + error.text();
-    }
-}
-
-ExitStatus status(bool asJson, const ToolServices& services) {
-    const Result<std::string> document = readState(services.statePath);
-    if (!document) {
-        services.error << "quorvixctl: " << stateFailure(document.error(), services.statePath) << "\n";
-        return ExitStatus::failed;
-    }
-    const std::optional<std::string> report = stateReport(*document);
-    if (!report) {
-        services.error << "quorvixctl: what quorvixd gave as its state is not a JSON object\n";
-        return ExitStatus::failed;
-    }
-    services.out << (asJson ? *document : *report);
-    if (asJson && !document->ends_with('\n')) services.out << '\n';
-    return ExitStatus::done;
-}
-
-ExitStatus tell(const std::vector<std::uint8_t>& message, const ToolServices& services) {
+ExitStatus tell(const std::vector<std::uint8_t>& message, bool asJson, const ToolServices& services) {
     if (message.size() > linuxos::kMaximumDatagramBytes) {
         services.error << "quorvixctl: the bundle identifier is too long for a message\n";
         return ExitStatus::usage;
     }
     const Result<void> sent = sendMessage(services.messagePath, message);
-    if (sent) return ExitStatus::done;
+    if (sent) {
+        if (asJson) services.out << jsonText({{"told", true}});
+        return ExitStatus::done;
+    }
     const int error = sent.error().value;
-    services.error << "quorvixctl: "
-                   << (error == ENOENT || error == ECONNREFUSED
-                           ? "quorvixd is not running (nothing listens at " + services.messagePath + ")"
-                           : "quorvixd could not be told: " + sent.error().text())
-                   << "\n";
+    if (error == ENOENT || error == ECONNREFUSED) {
+        services.error << "quorvixctl: quorvixd is not running (nothing listens at " << services.messagePath << ")\n";
+        return ExitStatus::notRunning;
+    }
+    services.error << "quorvixctl: quorvixd could not be told: " << sent.error().text() << "\n";
     return ExitStatus::failed;
 }
 
@@ -103,15 +57,21 @@ public:
           prune_(services),
           switch_(services) {
         app_.require_subcommand(1);
+        const VerbContext context{services_, action_};
+        addStatusVerb(app_, context);
         addPreferences();
-        addNotify();
-        addStatus();
+        addNotifyVerb(app_, context);
         addActivations();
         addActivation();
         addMemory();
         addRecorder();
         addReport();
         addSwitches();
+        addCountersVerb(app_, context);
+        addBudgetVerb(app_, context);
+        addLogVerb(app_, context);
+        addDoctorVerb(app_, context);
+        addCompletionsVerb(app_, context);
     }
 
     ExitStatus run(std::vector<std::string> arguments) {
@@ -133,6 +93,8 @@ private:
 
         CLI::App* get = group->add_subcommand("get", "Prints one value");
         addKey(get);
+        get->add_flag("--origin", request_.origin, "What quorvixd goes by, and what decides it");
+        get->add_flag("--json", request_.asJson, "As JSON");
         get->callback([this] { action_ = [this] { return preferences_.get(request_); }; });
 
         CLI::App* set = group->add_subcommand("set", "Sets one value and tells quorvixd");
@@ -141,6 +103,7 @@ private:
         set->add_option("--type", kindName_, "bool, int, uint, real or string; for an unknown key")
             ->check(CLI::IsMember({"bool", "int", "uint", "real", "string"}));
         addNotifyFlag(set);
+        set->add_flag("--json", request_.asJson, "As JSON");
         set->callback([this] {
             if (!kindName_.empty()) request_.kind = kindNamed(kindName_);
             action_ = [this] { return preferences_.set(request_, value_); };
@@ -149,11 +112,15 @@ private:
         CLI::App* unset = group->add_subcommand("unset", "Removes one key and tells quorvixd");
         addKey(unset);
         addNotifyFlag(unset);
+        unset->add_flag("--json", request_.asJson, "As JSON");
         unset->callback([this] { action_ = [this] { return preferences_.unset(request_); }; });
 
         CLI::App* list = group->add_subcommand("list", "Prints every known key and what else is stored");
         list->add_option("--domain", request_.domain, "Only this domain");
-        list->callback([this] { action_ = [this] { return preferences_.list(request_.domain); }; });
+        list->add_flag("--origin", request_.origin,
+                       "What quorvixd goes by, and what decides it: profile, store or default");
+        list->add_flag("--json", request_.asJson, "As JSON");
+        list->callback([this] { action_ = [this] { return preferences_.list(request_); }; });
     }
 
     void addKey(CLI::App* command) {
@@ -164,18 +131,6 @@ private:
 
     void addNotifyFlag(CLI::App* command) {
         command->add_flag("!--no-notify", request_.notify, "Does not tell quorvixd of the change");
-    }
-
-    void addNotify() {
-        CLI::App* command = app_.add_subcommand("notify", "Posts a notification");
-        command->add_option("NAME", value_, "Its name")->required();
-        command->callback([this] { action_ = [this] { return notify(value_, services_); }; });
-    }
-
-    void addStatus() {
-        CLI::App* command = app_.add_subcommand("status", "Shows what quorvixd watches, its credits and counters");
-        command->add_flag("--json", asJson_, "As the JSON document that quorvixd gives");
-        command->callback([this] { action_ = [this] { return status(asJson_, services_); }; });
     }
 
     void addMemory() {
@@ -204,7 +159,8 @@ private:
         top->callback([this] { action_ = [this] { return memory_.top(rows_, asJson_); }; });
 
         CLI::App* snapshot = group->add_subcommand("snapshot", "Takes a snapshot now, as quorvixd does");
-        snapshot->callback([this] { action_ = [this] { return memory_.snapshot(); }; });
+        addJsonFlag(snapshot);
+        snapshot->callback([this] { action_ = [this] { return memory_.snapshot(asJson_); }; });
 
         CLI::App* prune = group->add_subcommand("prune", "Removes old reports; the newest is kept");
         addPruneLimits(prune);
@@ -233,17 +189,23 @@ private:
     void addSwitches() {
         CLI::App* enable = app_.add_subcommand("enable", "Switches one of quorvixd's jobs on, and starts quorvixd");
         addJob(enable);
-        enable->callback([this] { action_ = [this] { return switch_.enable(value_); }; });
+        enable->callback([this] { action_ = [this] { return switched(switch_.enable(value_), true); }; });
 
         CLI::App* disable = app_.add_subcommand("disable", "Switches one of quorvixd's jobs off");
         addJob(disable);
-        disable->callback([this] { action_ = [this] { return switch_.disable(value_); }; });
+        disable->callback([this] { action_ = [this] { return switched(switch_.disable(value_), false); }; });
     }
 
     void addJob(CLI::App* command) {
         command->add_option("JOB", value_, "hang, activations or memory")
             ->required()
             ->check(CLI::IsMember({"hang", "activations", "memory"}));
+        addJsonFlag(command);
+    }
+
+    ExitStatus switched(ExitStatus status, bool on) const {
+        if (status == ExitStatus::done && asJson_) services_.out << jsonText({{"job", value_}, {"on", on}});
+        return status;
     }
 
     void addRecorder() {
@@ -371,7 +333,7 @@ private:
                                                       .foreground = !isBackground_,
                                                       .launch = !isResume_},
                                       activationClockNow()),
-                            services_);
+                            asJson_, services_);
             };
         });
 
@@ -386,7 +348,7 @@ private:
                                                     .endTime = activationClockNow(),
                                                     .foreground = !isBackground_,
                                                     .result = result_}),
-                            services_);
+                            asJson_, services_);
             };
         });
     }
@@ -399,6 +361,7 @@ private:
         CLI::Option* foreground =
             command->add_flag("--foreground", isForeground_, "The app is in the foreground; the default");
         command->add_flag("--background", isBackground_, "It is not")->excludes(foreground);
+        addJsonFlag(command);
     }
 
     CLI::Option* addJsonFlag(CLI::App* command) { return command->add_flag("--json", asJson_, "As JSON"); }
@@ -418,7 +381,9 @@ private:
     ReportCommand report_;
     PruneCommand prune_;
     SwitchCommand switch_;
-    CLI::App app_{"The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood.", "quorvixctl"};
+    CLI::App app_{
+        "The operator's tool of quorvixd. Exit status: 0 done, 1 failed, 2 not understood, 3 quorvixd does not run.",
+        "quorvixctl"};
     PreferenceRequest request_;
     RecorderRequest recorderRequest_;
     std::string value_;

@@ -14,7 +14,11 @@ struct KnownPreference {
     PreferenceKind kind;
     // What the daemon does while the key is absent.
     std::string_view whenAbsent;
+    // What holds where the key was absent from the daemon's start on.
+    std::string_view initially;
     std::string_view meaning;
+    // The managed profile may decide it.
+    bool managed = false;
 };
 
 inline constexpr std::string_view kDefaultDomain = "com.norvane.da";

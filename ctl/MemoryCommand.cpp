@@ -8,7 +8,7 @@
 #include <ostream>
 #include <system_error>
 
-#include "ctl/PreferenceText.h"
+#include "ctl/Printable.h"
 
 namespace quorvix::ctl {
 
@@ -21,9 +21,7 @@ constexpr std::string_view kPrefix = "memory-snapshot-";
 constexpr std::string_view kSuffix = ".ips";
 
 // Strict JSON whatever bytes the names hold.
-void print(std::ostream& out, const Json& value) {
-    out << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
-}
+void print(std::ostream& out, const Json& value) { out << jsonText(value); }
 
 std::string sizeText(std::int64_t bytes) {
     constexpr std::int64_t kKibibyte = 1024;
@@ -276,11 +274,11 @@ ExitStatus MemoryCommand::top(std::size_t rows, bool asJson) const {
     return ExitStatus::done;
 }
 
-ExitStatus MemoryCommand::snapshot() const {
+ExitStatus MemoryCommand::snapshot(bool asJson) const {
     // What goes wrong is told by the snapshot itself.
     const std::optional<std::string> path = services_.takeSnapshot();
     if (!path) return ExitStatus::failed;
-    services_.out << *path << '\n';
+    services_.out << (asJson ? jsonText({{"path", *path}}) : *path + '\n');
     return ExitStatus::done;
 }
 

@@ -25,7 +25,7 @@ public:
     ExitStatus diff(const std::string& before, const std::string& after, std::size_t rows, bool asJson) const;
     // The greatest of the newest report.
     ExitStatus top(std::size_t rows, bool asJson) const;
-    ExitStatus snapshot() const;
+    ExitStatus snapshot(bool asJson) const;
 
 private:
     // Names of the reports in the report folder, the oldest first; nothing, and said so, when it can't be read.

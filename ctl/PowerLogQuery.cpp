@@ -8,7 +8,7 @@
 #include <charconv>
 #include <stdexcept>
 
-#include "ctl/PreferenceText.h"
+#include "ctl/Printable.h"
 #include "ctl/TextTable.h"
 #include "platform/Result.h"
 #include "platform/linux/PowerLogSchema.h"

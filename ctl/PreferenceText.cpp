@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 namespace quorvix::ctl {
 
@@ -72,6 +73,26 @@ struct ValueText {
     std::string operator()(const PropertyListDictionary& value) const { return std::to_string(value.size()) + " keys"; }
 };
 
+struct ValueJson {
+    using Json = nlohmann::ordered_json;
+    Json operator()(bool value) const { return value; }
+    Json operator()(std::int64_t value) const { return value; }
+    Json operator()(double value) const { return std::isfinite(value) ? Json(value) : Json(realText(value)); }
+    Json operator()(const std::string& value) const { return value; }
+    Json operator()(const PropertyListDate& value) const { return value.secondsSince2001; }
+    Json operator()(const PropertyListData& value) const { return {{"bytes", value.bytes.size()}}; }
+    Json operator()(const PropertyListArray& value) const {
+        Json array = Json::array();
+        for (const PropertyListValue& entry : value) array.push_back(valueJson(entry));
+        return array;
+    }
+    Json operator()(const PropertyListDictionary& value) const {
+        Json object = Json::object();
+        for (const auto& [key, entry] : value) object[key] = valueJson(entry);
+        return object;
+    }
+};
+
 struct StoredKindName {
     std::string_view operator()(bool) const { return "bool"; }
     std::string_view operator()(std::int64_t) const { return "int"; }
@@ -113,17 +134,10 @@ bool isOfKind(const PropertyListValue& value, PreferenceKind kind) {
 
 std::string valueText(const PropertyListValue& value) { return std::visit(ValueText{}, value.content()); }
 
+nlohmann::ordered_json valueJson(const PropertyListValue& value) { return std::visit(ValueJson{}, value.content()); }
+
 std::string_view storedKindName(const PropertyListValue& value) {
     return std::visit(StoredKindName{}, value.content());
-}
-
-std::string printable(std::string_view text) {
-    std::string shown(text);
-    for (char& character : shown) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte < 0x20 || byte == 0x7f) character = '?';
-    }
-    return shown;
 }
 
 }  // namespace quorvix::ctl

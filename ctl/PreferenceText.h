@@ -1,10 +1,12 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "ctl/KnownPreferences.h"
+#include "ctl/Printable.h"
 #include "platform/PropertyList.h"
 
 // Preference values as the operator types and reads them.
@@ -23,10 +25,9 @@ std::optional<PropertyListValue> parseValue(std::string_view text, PreferenceKin
 bool isOfKind(const PropertyListValue& value, PreferenceKind kind);
 // One line, without control characters.
 std::string valueText(const PropertyListValue& value);
+// As JSON holds it: data as its length, a date as seconds since 2001, what is not finite as text.
+nlohmann::ordered_json valueJson(const PropertyListValue& value);
 // The kind of a stored value, in a word.
 std::string_view storedKindName(const PropertyListValue& value);
-
-// Text from outside for a terminal: control characters become '?', so that no name moves the cursor.
-std::string printable(std::string_view text);
 
 }  // namespace quorvix::ctl

@@ -1,8 +1,12 @@
 #include "ctl/PreferencesCommand.h"
 
 #include <iomanip>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <utility>
+#include <vector>
+
+#include "ctl/PreferenceOrigin.h"
 
 namespace quorvix::ctl {
 
@@ -57,6 +61,7 @@ std::optional<PreferenceKind> PreferencesCommand::kindOf(const PreferenceRequest
 }
 
 ExitStatus PreferencesCommand::get(const PreferenceRequest& request) const {
+    if (request.origin) return listOrigins(request);
     const std::optional<std::string> domain = domainOf(request);
     if (!domain) return ExitStatus::usage;
     const std::optional<PropertyListDictionary> stored = read(*domain);
@@ -70,7 +75,9 @@ ExitStatus PreferencesCommand::get(const PreferenceRequest& request) const {
         return ExitStatus::failed;
     }
     const PropertyListValue& value = found->second;
-    services_.out << valueText(value) << "\n";
+    services_.out << (request.asJson
+                          ? jsonText({{"key", request.key}, {"domain", *domain}, {"value", valueJson(value)}})
+                          : valueText(value) + "\n");
     if (known && !isOfKind(value, known->kind)) {
         services_.error << "quorvixctl: it is stored as " << storedKindName(value) << " and quorvixd wants "
                         << expectation(known->kind) << ": to quorvixd it is not set\n";
@@ -100,29 +107,74 @@ ExitStatus PreferencesCommand::unset(const PreferenceRequest& request) const {
 
 ExitStatus PreferencesCommand::store(const PreferenceRequest& request, const std::string& domain,
                                      std::optional<PropertyListValue> value) const {
+    warnIfLocked(request);
+    nlohmann::ordered_json done{{"key", request.key}, {"domain", domain}};
+    done["value"] = value ? valueJson(*value) : nlohmann::ordered_json();
+    done["told"] = request.notify;
     services_.preferences.setValue(request.key, std::move(value), domainNamed(domain));
     if (const Result<void> written = services_.writeDomain(domainNamed(domain)); !written) {
         services_.error << "quorvixctl: the preferences of " << printable(domain)
                         << " could not be written: " << written.error().text() << "\n";
         return ExitStatus::failed;
     }
-    if (!request.notify) return ExitStatus::done;
-    if (const Result<void> posted = services_.post(kChangeNotification); !posted) {
-        services_.error << "quorvixctl: saved, but the change could not be posted: " << posted.error().text() << "\n";
-        return ExitStatus::failed;
+    if (request.notify) {
+        if (const Result<void> posted = services_.post(kChangeNotification); !posted) {
+            services_.error << "quorvixctl: saved, but the change could not be posted: " << posted.error().text()
+                            << "\n";
+            return ExitStatus::failed;
+        }
     }
+    if (request.asJson) services_.out << jsonText(done);
     return ExitStatus::done;
 }
 
-ExitStatus PreferencesCommand::list(const std::string& domain) const {
-    if (domain.find('/') != std::string::npos) {
+ExitStatus PreferencesCommand::list(const PreferenceRequest& request) const {
+    if (request.domain.find('/') != std::string::npos) {
         services_.error << "quorvixctl: a domain is a name such as " << kDefaultDomain << ", without \"/\"\n";
         return ExitStatus::usage;
     }
-    if (!domain.empty()) return listDomain(domain);
-    const ExitStatus first = listDomain(kDefaultDomain);
-    const ExitStatus second = listDomain(kActivationDomain);
-    return first == ExitStatus::done ? second : first;
+    if (request.origin) return listOrigins(request);
+    nlohmann::ordered_json all = nlohmann::ordered_json::array();
+    nlohmann::ordered_json* json = request.asJson ? &all : nullptr;
+    ExitStatus status = ExitStatus::done;
+    if (!request.domain.empty()) {
+        status = listDomain(request.domain, json);
+    } else {
+        for (const std::string_view domain : {kDefaultDomain, kActivationDomain}) {
+            if (const ExitStatus one = listDomain(domain, json); one != ExitStatus::done) status = one;
+        }
+    }
+    if (json && status == ExitStatus::done) services_.out << jsonText(all);
+    return status;
+}
+
+ExitStatus PreferencesCommand::listOrigins(const PreferenceRequest& request) const {
+    const KnownPreference* one = findKnownPreference(request.key);
+    if (!request.key.empty() && !one) {
+        services_.error << "quorvixctl: \"" << printable(request.key) << "\" is not a key of quorvixd\n";
+        return ExitStatus::usage;
+    }
+    const PropertyListDictionary profile = readManagedProfile(services_);
+    std::vector<PreferenceOrigin> origins;
+    for (const std::string_view domain : {kDefaultDomain, kActivationDomain}) {
+        if (one ? one->domain != domain : !request.domain.empty() && request.domain != domain) continue;
+        const std::optional<PropertyListDictionary> stored = read(domain);
+        if (!stored) return ExitStatus::failed;
+        for (const KnownPreference& known : knownPreferences()) {
+            if (known.domain == domain && (!one || one == &known)) {
+                origins.push_back(originOf(known, *stored, profile));
+            }
+        }
+    }
+    services_.out << (request.asJson ? jsonText(originsJson(origins)) : originsTable(origins));
+    return ExitStatus::done;
+}
+
+void PreferencesCommand::warnIfLocked(const PreferenceRequest& request) const {
+    const KnownPreference* known = findKnownPreference(request.key);
+    if (!known || originOf(*known, {}, readManagedProfile(services_)).decider != PreferenceDecider::profile) return;
+    services_.error << "quorvixctl: the managed profile (" << services_.profilePath << ") decides " << known->key
+                    << ": what is stored has no effect while it does\n";
 }
 
 std::optional<PropertyListDictionary> PreferencesCommand::read(std::string_view domain) const {
@@ -133,10 +185,22 @@ std::optional<PropertyListDictionary> PreferencesCommand::read(std::string_view 
     return std::nullopt;
 }
 
-ExitStatus PreferencesCommand::listDomain(std::string_view domain) const {
+ExitStatus PreferencesCommand::listDomain(std::string_view domain, nlohmann::ordered_json* json) const {
     std::optional<PropertyListDictionary> read = this->read(domain);
     if (!read) return ExitStatus::failed;
     PropertyListDictionary& stored = *read;
+    if (json) {
+        for (const auto& [key, value] : stored) {
+            const KnownPreference* known = findKnownPreference(key);
+            const bool counts = known && known->domain == domain && isOfKind(value, known->kind);
+            json->push_back({{"key", key},
+                             {"domain", domain},
+                             {"type", storedKindName(value)},
+                             {"value", valueJson(value)},
+                             {"counts", counts}});
+        }
+        return ExitStatus::done;
+    }
     std::ostream& out = services_.out;
     const auto line = [&out](std::string_view key, std::string_view kind, const std::string& value,
                              std::string_view remark) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
@@ -19,6 +20,9 @@ struct PreferenceRequest {
     std::optional<PreferenceKind> kind;
     // Tell the daemon after a change.
     bool notify = true;
+    // Instead of what is stored: what the daemon goes by, and why.
+    bool origin = false;
+    bool asJson = false;
 };
 
 // "prefs get|set|unset|list". A known key takes values of its own kind only: the daemon would read another kind as
@@ -30,8 +34,8 @@ public:
     ExitStatus get(const PreferenceRequest& request) const;
     ExitStatus set(const PreferenceRequest& request, const std::string& text) const;
     ExitStatus unset(const PreferenceRequest& request) const;
-    // domain empty: every known one.
-    ExitStatus list(const std::string& domain) const;
+    // Of one domain, or of every known one.
+    ExitStatus list(const PreferenceRequest& request) const;
 
 private:
     std::optional<std::string> domainOf(const PreferenceRequest& request) const;
@@ -40,7 +44,11 @@ private:
                      std::optional<PropertyListValue> value) const;
     // Nothing, and a line said: the list can't be read.
     std::optional<PropertyListDictionary> read(std::string_view domain) const;
-    ExitStatus listDomain(std::string_view domain) const;
+    ExitStatus listDomain(std::string_view domain, nlohmann::ordered_json* json) const;
+    // Of the known keys of these domains, or of one key.
+    ExitStatus listOrigins(const PreferenceRequest& request) const;
+    // What the profile decides, the store can't: says so.
+    void warnIfLocked(const PreferenceRequest& request) const;
 
     const ToolServices& services_;
 };

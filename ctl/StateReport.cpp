@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "ctl/PreferenceText.h"
+#include "ctl/Printable.h"
 #include "ctl/TextTable.h"
 
 namespace quorvix::ctl {
@@ -75,9 +75,7 @@ void appendSection(std::string& out, const std::string& name, const Json& value)
 
 }  // namespace
 
-std::optional<std::string> stateReport(const std::string& document) {
-    const Json state = Json::parse(document, nullptr, false);
-    if (!state.is_object()) return std::nullopt;
+std::string stateReport(const Json& state) {
     std::vector<Row> single;
     for (const auto& [name, value] : state.items()) {
         if (!value.is_structured()) single.push_back({printable(name), cell(value)});

@@ -36,6 +36,19 @@ struct ToolServices {
     std::string spoolFolder = "/var/root/Library/Caches/quorvixd/spool";
     // Has the service manager start the daemon. ENOSYS: there is none that is known.
     std::function<Result<void>()> startDaemon = [] { return Result<void>(); };
+    // The counter store, and the managed profile that overrides preferences.
+    std::string counterPath = "/var/lib/quorvix/tallisk.db";
+    std::string profilePath = "/Library/Managed Preferences/mobile/.GlobalPreferences.plist";
+    // The journal's own reader, what the daemon's lines are kept in where there is no journal, and which lines it
+    // keeps.
+    std::string journalProgram = "journalctl";
+    std::string logFile = "/var/log/quorvixd.log";
+    std::string logLevelFolder = "/etc/vex";
+    // Where the whole file system is, for the commands that look at an installation.
+    std::string root = {};
+    // Whether the output may be coloured, and whether somebody sits at standard error who wants to know what lasts.
+    bool colours = false;
+    bool progress = false;
 };
 
 }  // namespace quorvix::ctl

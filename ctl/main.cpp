@@ -1,5 +1,7 @@
 // quorvixctl: the operator's tool of quorvixd, on the real services.
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <exception>
 #include <iostream>
@@ -9,6 +11,7 @@
 
 #include "ctl/CommandLine.h"
 #include "ctl/DaemonStart.h"
+#include "ctl/Style.h"
 #include "ctl/ToolPlatform.h"
 #include "memsnapshot/MemorySnapshot.h"
 #include "platform/linux/Console.h"
@@ -76,7 +79,9 @@ int run(int argumentCount, char** arguments) {
         .takeSnapshot = takeSnapshot,
         .out = std::cout,
         .error = std::cerr,
-        .startDaemon = startDaemon};
+        .startDaemon = startDaemon,
+        .colours = coloursWanted(STDOUT_FILENO),
+        .progress = coloursWanted(STDERR_FILENO)};
     const ExitStatus status = runCommandLine({arguments + 1, arguments + argumentCount}, services);
     // A full disk behind a redirection shows only here.
     std::cout.flush();

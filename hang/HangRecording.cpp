@@ -25,20 +25,27 @@ void countHang(std::string_view name, const std::string& processName, double dur
     }
 }
 
+// For the operator's tool; the log has its own line, with the reason.
+void noteRefusal(const QXProcessInfo& process, std::string_view hang, RefusalReason reason) {
+    hangState().refusals.add(process.processName(), hang, reason, platform().tickClock.now());
+}
+
 // The guards before a report, in their order: switch, trace library, the app's budget, the device's.
-bool mayReport(const QXProcessInfo& process) {
+bool mayReport(const QXProcessInfo& process, std::string_view hang) {
     const std::string& processName = process.processName();
     CounterService& counters = platform().counters;
     if (!settings().swivexEnabled) {
         quorvixLog()
             .about(LogEventKind::reportRefused, "switched-off")
             .standard("%@: Quorvix swivex support is disabled, not saving a report!", processName);
+        noteRefusal(process, hang, RefusalReason::switchedOff);
         return false;
     }
     if (!hangState().traceLibrary.usable()) {
         quorvixLog()
             .about(LogEventKind::reportRefused, "no-library")
             .standard("%@: Tried to save swivex, but swivex support is not present on this device!", processName);
+        noteRefusal(process, hang, RefusalReason::noLibrary);
         return false;
     }
     if (!process.checkAppCredit()) {
@@ -47,6 +54,7 @@ bool mayReport(const QXProcessInfo& process) {
             .standard("%@ is out of credits. Not saving a report!", processName);
         counters.addToScalar("com.norvane.quorvix.QXLogsMissedDueToProcessLimit.Total", 1);
         counters.addToScalar(formatText("com.norvane.quorvix.QXLogsMissedDueToProcessLimit.%@", processName), 1);
+        noteRefusal(process, hang, RefusalReason::appCredits);
         return false;
     }
     if (!QXProcessInfo::checkDailyCredit()) {
@@ -56,6 +64,7 @@ bool mayReport(const QXProcessInfo& process) {
                       static_cast<std::uint32_t>(hangState().maxDailyLogs));
         counters.addToScalar("com.norvane.quorvix.QXLogsMissedDueToGlobalLimit.Total", 1);
         counters.addToScalar(formatText("com.norvane.quorvix.QXLogsMissedDueToGlobalLimit.%@", processName), 1);
+        noteRefusal(process, hang, RefusalReason::dailyLimit);
         return false;
     }
     return true;
@@ -73,6 +82,7 @@ struct HangReport {
 void saveAndPay(QXProcessInfo& process, const HangReport& report) {
     if (!process.saveSwivexForService(report.service, report.reason, report.threadID, report.startTime,
                                       report.endTime)) {
+        noteRefusal(process, report.service, RefusalReason::notWritten);
         return;
     }
     process.deductAppCredit();
@@ -90,7 +100,7 @@ void QXProcessInfo::recordHang(std::string_view name, std::uint64_t threadID, st
     scheduleHUDClear();
     countHang(name, processName_, durationMs);
 
-    if (!saveSwivex || !mayReport(*this)) return;
+    if (!saveSwivex || !mayReport(*this, name)) return;
     const HangReport report{std::string(name), formatText("%s-%@: timeout %.0fms", name, processName_, durationMs),
                             threadID, startTime, endTime};
     if (name != kFenceHangName) {
@@ -102,6 +112,7 @@ void QXProcessInfo::recordHang(std::string_view name, std::uint64_t threadID, st
         quorvixLog()
             .about(LogEventKind::reportRefused, "fence-pending")
             .standard("%@: Fence-hang, but waiting for FenceHangCapture - not saving another report!", processName_);
+        noteRefusal(*this, name, RefusalReason::fencePending);
         return;
     }
     state.fenceHangCapturePending = true;

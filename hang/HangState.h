@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "hang/ReportRefusals.h"
 #include "hang/TraceLibrary.h"
 
 namespace quorvix {
@@ -35,6 +36,9 @@ struct HangState {
 
     // Processes whose region faulted during the running check; dropped after the walk.
     std::vector<const QXProcessInfo*> faultedProcesses;
+
+    // Hangs that went without the report they asked for.
+    ReportRefusals refusals;
 
     // Self-counters.
     std::uint64_t regionFaults = 0;

@@ -58,6 +58,7 @@ public:
 
     bool checkAppCredit() const;
     void deductAppCredit();
+    static constexpr std::uint32_t kFullAppCredits = 4;
     // Credits left, 0..4.
     std::uint32_t appCredit() const;
 

@@ -9,8 +9,6 @@ namespace quorvix {
 
 namespace {
 
-constexpr std::uint32_t kFullAppCredits = 4;
-
 // 32-bit sums wrap: the limit comes from a preference and may be anything.
 std::int32_t wrappingDifference(std::int32_t a, std::int32_t b) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
@@ -20,7 +18,7 @@ std::int32_t wrappingDifference(std::int32_t a, std::int32_t b) {
 
 std::uint32_t QXProcessInfo::appCredit() const {
     const auto entry = hangState().appCredits.find(processName_);
-    return entry == hangState().appCredits.end() ? kFullAppCredits : entry->second;
+    return entry == hangState().appCredits.end() ? QXProcessInfo::kFullAppCredits : entry->second;
 }
 
 bool QXProcessInfo::checkAppCredit() const { return appCredit() != 0; }
@@ -50,7 +48,7 @@ void QXProcessInfo::replenishAppCredits() {
     for (auto& [name, value] : credits) {
         const std::uint32_t increased = value + 1;
         quorvixLog().info("%@ credits increased to: %u", name, increased);
-        if (increased == kFullAppCredits) {
+        if (increased == QXProcessInfo::kFullAppCredits) {
             full.push_back(name);
         } else {
             value = increased;

@@ -7,6 +7,7 @@
 #include "hang/HangState.h"
 #include "hang/QXProcessInfo.h"
 #include "perfstats/PerfState.h"
+#include "platform/Platform.h"
 #include "service/ServiceState.h"
 
 namespace quorvix {
@@ -32,6 +33,40 @@ JsonObject settingsObject() {
         {"reportPeriodTicks", current.reportPeriodTicks},
         {"maxActivationCount", current.maxActivationCount.load()},
         {"cpuUtilizationThresholdMs", numberOrText(current.cpuUtilizationThreshold)},
+    };
+}
+
+std::int64_t secondsOf(std::uint64_t ticks) {
+    return saturated<std::int64_t>(std::ceil(static_cast<double>(ticks) * msPerTick() / 1000.0));
+}
+
+JsonValue secondsOrNothing(const std::optional<std::uint64_t>& ticks) {
+    if (!ticks) return nullptr;
+    return secondsOf(*ticks);
+}
+
+JsonObject budgetObject() {
+    const std::uint64_t now = platform().tickClock.now();
+    const ReportRefusals& refusals = hangState().refusals;
+    JsonObject refused;
+    for (std::size_t index = 0; index < kRefusalReasonCount; ++index) {
+        const auto reason = static_cast<RefusalReason>(index);
+        refused.add(std::string(refusalReasonName(reason)), refusals.count(reason));
+    }
+    JsonArray last;
+    for (const ReportRefusal& refusal : refusals.last()) {
+        last.push_back(JsonObject{{"secondsAgo", secondsOf(now - refusal.ticks)},
+                                  {"app", refusal.app},
+                                  {"hang", refusal.hang},
+                                  {"reason", refusalReasonName(refusal.reason)}});
+    }
+    return {
+        {"appCreditsAtMost", QXProcessInfo::kFullAppCredits},
+        {"refillEverySeconds", secondsOf(settings().reportPeriodTicks >> 2)},
+        {"nextRefillInSeconds", secondsOrNothing(ticksToCreditRefill(now))},
+        {"dailyResetInSeconds", secondsOrNothing(ticksToDailyReset(now))},
+        {"refused", std::move(refused)},
+        {"lastRefusals", std::move(last)},
     };
 }
 
@@ -70,6 +105,7 @@ JsonObject daemonState() {
         {"watched", std::move(watched)},
         {"appCredits", std::move(appCredits)},
         {"dailyCredits", JsonObject{{"left", hangs.dailyLogCredits}, {"limit", hangs.maxDailyLogs}}},
+        {"budget", budgetObject()},
         {"counters", JsonObject{{"hangs", JsonObject{{"regionFaults", hangs.regionFaults},
                                                      {"displayClearsDropped", hangs.displayClearsDropped}}},
                                 {"activations", activationCounters()},

@@ -186,6 +186,23 @@ void refreshPreferences() {
     }
 }
 
+std::optional<std::uint64_t> ticksToCreditRefill(std::uint64_t now) {
+    const Settings& current = settings();
+    if (!current.hangCheckTimer) return std::nullopt;
+    const std::uint64_t gone = now - current.lastCreditRefillTicks;
+    const std::uint64_t quarter = current.reportPeriodTicks >> 2;
+    return gone > quarter ? 0 : quarter - gone + 1;
+}
+
+std::optional<std::uint64_t> ticksToDailyReset(std::uint64_t now) {
+    const Settings& current = settings();
+    if (!current.hangCheckTimer) return std::nullopt;
+    // The first tick begins the day.
+    if (current.dailyPeriodStartTicks == 0) return kDailyPeriodTicks;
+    const std::uint64_t gone = now - current.dailyPeriodStartTicks;
+    return gone < kDailyPeriodTicks ? kDailyPeriodTicks - gone : 0;
+}
+
 void scheduleMemoryLoggingTimer() {
     if (!settings().memoryLoggingTimer) return;
     const std::chrono::seconds interval(settings().memoryLoggingInterval);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "platform/Relaxed.h"
 #include "platform/WorkQueue.h"
@@ -32,6 +33,11 @@ Settings& settings();
 
 // Defaults of internal installs, written into the preferences once at start-up, before daemonQueue exists.
 void checkPreferences();
+
+// Ticks from `now` until a tick gives credits back at the earliest, and until one resets the day; 0: the next one does.
+// No answer while no tick comes.
+std::optional<std::uint64_t> ticksToCreditRefill(std::uint64_t now);
+std::optional<std::uint64_t> ticksToDailyReset(std::uint64_t now);
 
 // Applies every preference: switches the three sources and their timers on and off and takes over the limits. Ends the
 // process when all three sources are off. On daemonQueue; the first call is made on the main thread before any handler

@@ -102,7 +102,7 @@ TEST_F(ActivationVerbs, EndTellsTheResult) {
 }
 
 TEST_F(ActivationVerbs, WithoutADaemonThereIsOneLine) {
-    EXPECT_EQ(tool.run({"activation", "end", "--pid", "1", "--bundle", "b"}), ExitStatus::failed);
+    EXPECT_EQ(tool.run({"activation", "end", "--pid", "1", "--bundle", "b"}), ExitStatus::notRunning);
     EXPECT_THAT(tool.error.str(), HasSubstr("quorvixd is not running"));
 }
 

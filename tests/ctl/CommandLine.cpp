@@ -59,7 +59,7 @@ TEST_F(CommandLine, AFailedPostIsSaid) {
 }
 
 TEST_F(CommandLine, StatusWithoutADaemonSaysSo) {
-    EXPECT_EQ(tool.run({"status"}), ExitStatus::failed);
+    EXPECT_EQ(tool.run({"status"}), ExitStatus::notRunning);
     EXPECT_THAT(tool.error.str(), HasSubstr("quorvixd is not running (nothing listens at /nonexistent/state)"));
     EXPECT_EQ(tool.out.str(), "");
 }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "tests/ctl/Tool.h"
@@ -106,15 +107,17 @@ TEST(StateSocket, StatusShowsTheStateAsATableOrAsItIs) {
     }
     const FakeDaemon daemon(document);
     EXPECT_EQ(tool.run({"status", "--json"}), ExitStatus::done);
-    EXPECT_EQ(tool.out.str(), document + "\n");
+    EXPECT_EQ(nlohmann::ordered_json::parse(tool.out.str()).dump(), document);
 }
 
 TEST(StateSocket, StatusRefusesWhatIsNoState) {
-    const FakeDaemon daemon("[1]");
-    Tool tool;
-    tool.services.statePath = daemon.path();
-    EXPECT_EQ(tool.run({"status"}), ExitStatus::failed);
-    EXPECT_THAT(tool.error.str(), HasSubstr("not a JSON object"));
+    for (const char* document : {"[1]", "", "{\"a\":", "{\"a\":\"\xff\"}"}) {
+        const FakeDaemon daemon(document);
+        Tool tool;
+        tool.services.statePath = daemon.path();
+        EXPECT_EQ(tool.run({"status"}), ExitStatus::failed);
+        EXPECT_THAT(tool.error.str(), HasSubstr("not a JSON object"));
+    }
 }
 
 }  // namespace

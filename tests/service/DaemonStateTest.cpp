@@ -46,6 +46,31 @@ TEST_F(DaemonState, ShowsTheDaysReports) {
     EXPECT_EQ(published("dailyCredits"), R"({"left":-2,"limit":25})");
 }
 
+TEST_F(DaemonState, SaysWhenCreditsComeBack) {
+    prefer("QuorvixReportPeriod", 60);
+    startWithHangTracing();
+    advanceMs(5'000);  // the first tick gives credits back and begins the day
+    advanceMs(4'000);
+    const std::string budget = published("budget");
+    EXPECT_NE(budget.find(R"("refillEverySeconds":15)"), std::string::npos) << budget;
+    // A tick after more than 15 s: 11 s and a millisecond are left.
+    EXPECT_NE(budget.find(R"("nextRefillInSeconds":12)"), std::string::npos) << budget;
+}
+
+TEST_F(DaemonState, ShowsRefusalsWithTheirReasonsNewestFirst) {
+    startWithHangTracing();
+    hangState().refusals.add("Mail", "main", RefusalReason::appCredits, device.tickClock.now());
+    advanceMs(2'000);
+    hangState().refusals.add("Maps", "draw", RefusalReason::noLibrary, device.tickClock.now());
+    const std::string budget = published("budget");
+    EXPECT_NE(budget.find(R"("refused":{"switched-off":0,"no-library":1,"app-credits":1,"daily-limit":0,)"
+                          R"("fence-pending":0,"not-written":0},)"
+                          R"("lastRefusals":[{"secondsAgo":0,"app":"Maps","hang":"draw","reason":"no-library"},)"
+                          R"({"secondsAgo":2,"app":"Mail","hang":"main","reason":"app-credits"}])"),
+              std::string::npos)
+        << budget;
+}
+
 TEST_F(DaemonState, CountsWhatWasDropped) {
     startWithHangTracing();
     App app = watch(412);

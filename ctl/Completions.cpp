@@ -1,0 +1,284 @@
+#include "ctl/Completions.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "ctl/KnownPreferences.h"
+
+namespace quorvix::ctl {
+
+namespace {
+
+// What may stand in the place of an operand or an option's value.
+struct Values {
+    enum class Kind { none, words, files, commands } kind = Kind::none;
+    std::string words = {};
+};
+
+std::string knownKeys() {
+    std::string keys;
+    for (const KnownPreference& known : knownPreferences()) keys += (keys.empty() ? "" : " ") + std::string(known.key);
+    return keys;
+}
+
+// By the name of the operand or the option: the same name means the same thing in every command.
+Values valuesOf(std::string_view name) {
+    using enum Values::Kind;
+    if (name == "KEY") return {words, knownKeys()};
+    if (name == "--type") return {words, "bool int uint real string"};
+    if (name == "--domain") return {words, std::string(kDefaultDomain) + " " + std::string(kActivationDomain)};
+    if (name == "NAME") {
+        return {words,
+                "com.norvane.quorvix.pref_changed com.norvane.da.tasking_changed"
+                " com.norvane.Provisia.profileListChanged"};
+    }
+    if (name == "JOB") return {words, "hang activations memory"};
+    if (name == "SHELL") return {words, "bash zsh fish"};
+    if (name == "LEVEL") return {words, "default info debug"};
+    if (name == "COMMAND") return {commands};
+    for (const std::string_view file : {"FILE", "DIR", "BEFORE", "AFTER", "--file", "--output", "FILE|DIR"}) {
+        if (name == file) return {files};
+    }
+    return {};
+}
+
+// All operands of a command together: which of them comes next is for the one who types to know.
+Values operandsOf(const CommandEntry& command) {
+    for (const std::string& operand : command.operands) {
+        Values values = valuesOf(operand);
+        if (values.kind != Values::Kind::none) return values;
+    }
+    return {};
+}
+
+using Visitor = std::function<void(const std::string& path, const CommandEntry& command)>;
+
+// Every command with the words that lead to it: "" for the tool, "prefs get".
+void visit(const CommandEntry& command, const std::string& path, const Visitor& visitor) {
+    visitor(path, command);
+    for (const CommandEntry& inner : command.commands) {
+        visit(inner, path.empty() ? inner.name : path + " " + inner.name, visitor);
+    }
+}
+
+std::string joined(const std::vector<std::string>& words, std::string_view separator) {
+    std::string text;
+    for (const std::string& word : words) {
+        if (!text.empty()) text += separator;
+        text += word;
+    }
+    return text;
+}
+
+std::vector<std::string> optionNames(const CommandEntry& command) {
+    std::vector<std::string> names;
+    for (const OptionEntry& option : command.options)
+        names.insert(names.end(), option.names.begin(), option.names.end());
+    return names;
+}
+
+std::vector<std::string> commandNames(const CommandEntry& command) {
+    std::vector<std::string> names;
+    for (const CommandEntry& inner : command.commands) names.push_back(inner.name);
+    return names;
+}
+
+// The patterns of "<path so far> <word>" in which the word leads on.
+std::string stepPatterns(const CommandEntry& tool, std::string_view separator) {
+    std::vector<std::string> steps;
+    visit(tool, "", [&](const std::string& path, const CommandEntry& command) {
+        for (const CommandEntry& inner : command.commands) steps.push_back("'" + path + " " + inner.name + "'");
+    });
+    return joined(steps, separator);
+}
+
+// In single quotes, as bash, zsh and fish read them.
+std::string quoted(std::string_view text) {
+    std::string out = "'";
+    for (const char character : text) {
+        if (character == '\'') {
+            out += "'\\''";
+        } else {
+            out += character;
+        }
+    }
+    return out + "'";
+}
+
+// fish reads backslashes within single quotes too.
+std::string fishQuoted(std::string_view text) {
+    std::string out = "'";
+    for (const char character : text) {
+        if (character == '\'' || character == '\\') out += '\\';
+        out += character;
+    }
+    return out + "'";
+}
+
+std::string bashReply(const Values& values) {
+    switch (values.kind) {
+        case Values::Kind::words: return "COMPREPLY=($(compgen -W '" + values.words + "' -- \"$current\"))";
+        case Values::Kind::files: return "COMPREPLY=($(compgen -f -- \"$current\"))";
+        case Values::Kind::commands: return "COMPREPLY=($(compgen -c -- \"$current\"))";
+        case Values::Kind::none: break;
+    }
+    return "COMPREPLY=()";
+}
+
+Values wordsOf(const std::vector<std::string>& words) { return {Values::Kind::words, joined(words, " ")}; }
+
+std::string bashScript(const CommandEntry& tool) {
+    std::string script =
+        "# Completion of quorvixctl in bash. Made by \"quorvixctl completions bash\".\n"
+        "_quorvixctl() {\n"
+        "    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command= index IFS=$' "
+        "\\t\\n'\n"
+        "    for ((index = 1; index < COMP_CWORD; ++index)); do\n"
+        "        case \"$command ${COMP_WORDS[index]}\" in\n"
+        "            " +
+        stepPatterns(tool, " | ") +
+        ")\n"
+        "                command=\"${command:+$command }${COMP_WORDS[index]}\" ;;\n"
+        "        esac\n"
+        "    done\n";
+    std::string optionValues;
+    std::string rest;
+    visit(tool, "", [&](const std::string& path, const CommandEntry& command) {
+        for (const OptionEntry& option : command.options) {
+            if (!option.takesValue) continue;
+            for (const std::string& name : option.names) {
+                optionValues += "        '" + path + " " + name + "') " + bashReply(valuesOf(name)) + "; return ;;\n";
+            }
+        }
+        rest += "        '" + path + " options') " + bashReply(wordsOf(optionNames(command))) + " ;;\n";
+        rest += "        '" + path + " words') " +
+                bashReply(command.commands.empty() ? operandsOf(command) : wordsOf(commandNames(command))) + " ;;\n";
+    });
+    script += "    case \"$command $previous\" in\n" + optionValues + "    esac\n";
+    script += "    local wanted=words\n    [[ $current == -* ]] && wanted=options\n";
+    script += "    case \"$command $wanted\" in\n" + rest + "    esac\n}\ncomplete -F _quorvixctl quorvixctl\n";
+    return script;
+}
+
+std::string zshReply(const Values& values) {
+    switch (values.kind) {
+        case Values::Kind::words: return "compadd -- " + values.words;
+        case Values::Kind::files: return "_files";
+        case Values::Kind::commands: return "_command_names";
+        case Values::Kind::none: break;
+    }
+    return "_message 'no more to complete'";
+}
+
+// "--json:As JSON", as _describe takes it.
+std::string zshDescribed(std::string_view name, std::string_view help) {
+    std::string text;
+    for (const char character : name) text += character == ':' ? std::string("\\:") : std::string(1, character);
+    return quoted(text + ":" + std::string(help));
+}
+
+std::string zshScript(const CommandEntry& tool) {
+    std::string script =
+        "#compdef quorvixctl\n"
+        "# Completion of quorvixctl in zsh. Made by \"quorvixctl completions zsh\".\n"
+        "_quorvixctl() {\n"
+        "    local command= wanted=words\n"
+        "    integer index\n"
+        "    for ((index = 2; index < CURRENT; ++index)); do\n"
+        "        case \"$command ${words[index]}\" in\n"
+        "            (" +
+        stepPatterns(tool, " | ") +
+        ")\n"
+        "                command=\"${command:+$command }${words[index]}\" ;;\n"
+        "        esac\n"
+        "    done\n";
+    std::string optionValues;
+    std::string rest;
+    visit(tool, "", [&](const std::string& path, const CommandEntry& command) {
+        std::vector<std::string> options;
+        for (const OptionEntry& option : command.options) {
+            for (const std::string& name : option.names) {
+                options.push_back(zshDescribed(name, option.help));
+                if (!option.takesValue) continue;
+                optionValues += "        ('" + path + " " + name + "') " + zshReply(valuesOf(name)) + "; return ;;\n";
+            }
+        }
+        std::vector<std::string> commands;
+        for (const CommandEntry& inner : command.commands) commands.push_back(zshDescribed(inner.name, inner.help));
+        rest +=
+            "        ('" + path + " options') choices=(" + joined(options, " ") + "); _describe option choices ;;\n";
+        rest += "        ('" + path + " words') " +
+                (commands.empty() ? zshReply(operandsOf(command))
+                                  : "choices=(" + joined(commands, " ") + "); _describe command choices") +
+                " ;;\n";
+    });
+    script += "    case \"$command ${words[CURRENT - 1]}\" in\n" + optionValues + "    esac\n";
+    script += "    [[ ${words[CURRENT]} == -* ]] && wanted=options\n    local -a choices\n";
+    script += "    case \"$command $wanted\" in\n" + rest + "    esac\n}\n";
+    // Read as a function's body where the shell loads it by itself, and as a script where a user sources it.
+    script +=
+        "if [[ ${funcstack[1]} == _quorvixctl ]]; then _quorvixctl \"$@\"; else compdef _quorvixctl quorvixctl; fi\n";
+    return script;
+}
+
+// What follows the condition in a line of "complete".
+std::string fishArguments(const Values& values) {
+    switch (values.kind) {
+        case Values::Kind::words: return " -f -a " + fishQuoted(values.words);
+        case Values::Kind::files: return " -F";
+        case Values::Kind::commands: return " -f -a '(__fish_complete_command)'";
+        case Values::Kind::none: break;
+    }
+    return " -f";
+}
+
+std::string fishScript(const CommandEntry& tool) {
+    std::string script =
+        "# Completion of quorvixctl in fish. Made by \"quorvixctl completions fish\".\n"
+        "function __quorvixctl_command\n"
+        "    set -l command ''\n"
+        "    set -l words (commandline -opc)\n"
+        "    for word in $words[2..-1]\n"
+        "        switch \"$command $word\"\n"
+        "            case " +
+        stepPatterns(tool, " ") +
+        "\n"
+        "                set command (string trim -- \"$command $word\")\n"
+        "        end\n"
+        "    end\n"
+        "    echo $command\n"
+        "end\n"
+        "function __quorvixctl_at\n"
+        "    test (__quorvixctl_command) = \"$argv\"\n"
+        "end\n"
+        "complete -c quorvixctl -f\n";
+    visit(tool, "", [&](const std::string& path, const CommandEntry& command) {
+        const std::string at = "complete -c quorvixctl -n " + fishQuoted("__quorvixctl_at " + path);
+        for (const CommandEntry& inner : command.commands) {
+            script += at + " -f -a " + inner.name + " -d " + fishQuoted(inner.help) + "\n";
+        }
+        for (const OptionEntry& option : command.options) {
+            script += at;
+            for (const std::string& name : option.names) {
+                script += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
+            }
+            if (option.takesValue) script += " -r" + fishArguments(valuesOf(option.names.back()));
+            script += " -d " + fishQuoted(option.help) + "\n";
+        }
+        const Values operands = operandsOf(command);
+        if (command.commands.empty() && operands.kind != Values::Kind::none)
+            script += at + fishArguments(operands) + "\n";
+    });
+    return script;
+}
+
+}  // namespace
+
+std::optional<std::string> completionScript(std::string_view shell, const CommandEntry& tool) {
+    if (shell == "bash") return bashScript(tool);
+    if (shell == "zsh") return zshScript(tool);
+    if (shell == "fish") return fishScript(tool);
+    return std::nullopt;
+}
+
+}  // namespace quorvix::ctl

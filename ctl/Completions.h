@@ -1,0 +1,15 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ctl/CommandTable.h"
+
+namespace quorvix::ctl {
+
+// The script that completes the tool's command line in "bash", "zsh" or "fish"; nothing: another shell. Holds all there
+// is to know, so that completing never runs the tool.
+std::optional<std::string> completionScript(std::string_view shell, const CommandEntry& tool);
+
+}  // namespace quorvix::ctl

@@ -1,0 +1,153 @@
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "ctl/Diagnosis.h"
+#include "tests/ctl/Tool.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace quorvix::ctl {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+// A whole file system of its own that quorvixd could be installed in. Needs root: the folders must be root's.
+class Doctor : public testing::Test {
+protected:
+    Doctor() {
+        tool.services.root = folder.path();
+        tool.services.profilePath = at("/profile.plist");
+        makeFolder("/run/vex", 0755);
+        makeFolder("/run/vex/notify", 0755);
+        makeFolder("/var/lib/quorvix", 0700);
+        makeFolder("/var/root/Library/Caches", 0700);
+        makeFolder("/var/root/Library/Caches/quorvixd", 0755);
+        makeFolder("/var/root/Library/Caches/quorvixd/tmp", 0755);
+        makeFolder("/var/root/Library/Caches/quorvixd/spool", 0755);
+        makeFolder("/Library/Logs/Faultbox", 0700);
+    }
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "the folders must be root's";
+    }
+    std::string at(const std::string& path) const { return folder.path() + path; }
+    void makeFolder(const std::string& path, mode_t mode) const {
+        fs::create_directories(at(path));
+        chmod(at(path).c_str(), mode);
+    }
+    // The texts of what is no good news.
+    static std::vector<std::string> complaints(const Findings& findings, Finding::Kind kind = Finding::Kind::problem) {
+        std::vector<std::string> texts;
+        for (const Finding& finding : findings) {
+            if (finding.kind != kind) continue;
+            EXPECT_FALSE(finding.mend.empty()) << finding.text;
+            texts.push_back(finding.text);
+        }
+        return texts;
+    }
+    tests::TemporaryFolder folder;
+    Tool tool;
+};
+
+TEST_F(Doctor, FoldersAsTheyShouldBeAreGood) { EXPECT_THAT(complaints(examineFolders(tool.services)), IsEmpty()); }
+
+TEST_F(Doctor, AMissingFolderIsAProblem) {
+    fs::remove(at("/run/vex/notify"));
+    EXPECT_THAT(complaints(examineFolders(tool.services)), testing::ElementsAre("/run/vex/notify is missing"));
+}
+
+TEST_F(Doctor, AFolderThatOthersCanReadIsAProblem) {
+    chmod(at("/Library/Logs/Faultbox").c_str(), 0750);
+    EXPECT_THAT(complaints(examineFolders(tool.services)), testing::ElementsAre(HasSubstr("has mode 0750")));
+    EXPECT_THAT(examineFolders(tool.services)[0].mend, "chmod 0700 /Library/Logs/Faultbox");
+}
+
+TEST_F(Doctor, AFolderOfAnotherUserIsAProblem) {
+    ASSERT_EQ(chown(at("/run/vex").c_str(), 65534, 65534), 0);
+    EXPECT_THAT(complaints(examineFolders(tool.services)), testing::ElementsAre(HasSubstr("belongs to user 65534")));
+}
+
+TEST_F(Doctor, AStoreThatOthersCanReadIsAProblem) {
+    tests::writeWholeFile(at("/var/lib/quorvix/tallisk.db"), "");
+    chmod(at("/var/lib/quorvix/tallisk.db").c_str(), 0640);
+    EXPECT_THAT(complaints(examineStores(tool.services)), testing::ElementsAre(HasSubstr("mode 0640")));
+}
+
+TEST_F(Doctor, ADamagedStoreIsAProblem) {
+    tests::writeWholeFile(at("/var/lib/quorvix/wattrel.db"), std::string(5000, 'x'));
+    chmod(at("/var/lib/quorvix/wattrel.db").c_str(), 0600);
+    EXPECT_THAT(complaints(examineStores(tool.services)), testing::ElementsAre(HasSubstr("is damaged")));
+}
+
+TEST_F(Doctor, AStoreThatWasMovedAsideIsWorthKnowing) {
+    tests::writeWholeFile(at("/var/lib/quorvix/tallisk.db.damaged"), "");
+    EXPECT_THAT(complaints(examineStores(tool.services), Finding::Kind::notice),
+                testing::ElementsAre(HasSubstr("was moved aside once")));
+}
+
+TEST_F(Doctor, ADamagedProfileIsAProblem) {
+    tests::writeWholeFile(tool.services.profilePath, "<plist>");
+    EXPECT_THAT(complaints(examinePreferences(tool.services)), testing::ElementsAre(HasSubstr("can't be used")));
+}
+
+TEST_F(Doctor, EverythingOffIsWorthKnowingAndNoProblem) {
+    EXPECT_THAT(complaints(examinePreferences(tool.services)), IsEmpty());
+    EXPECT_THAT(complaints(examinePreferences(tool.services), Finding::Kind::notice),
+                testing::ElementsAre(HasSubstr("everything is switched off")));
+    EXPECT_THAT(complaints(examineService(tool.services)), IsEmpty());
+}
+
+TEST_F(Doctor, ADaemonThatShouldRunAndDoesNotIsAProblem) {
+    ASSERT_EQ(tool.run({"prefs", "set", "QuorvixEnabled", "true"}), ExitStatus::done);
+    EXPECT_THAT(complaints(examineService(tool.services)), testing::ElementsAre(HasSubstr("does not run, although")));
+}
+
+TEST_F(Doctor, ReportsThatAreSwitchedOnNeedTheTraceLibrary) {
+    EXPECT_THAT(complaints(examineTraceLibrary(tool.services)), IsEmpty());
+    ASSERT_EQ(tool.run({"prefs", "set", "QuorvixEnableSwivex", "true"}), ExitStatus::done);
+    EXPECT_THAT(complaints(examineTraceLibrary(tool.services)), testing::ElementsAre(HasSubstr("is missing")));
+    fs::create_directories(at("/usr/lib"));
+    tests::writeWholeFile(at("/usr/lib/libswivex.dylib"), "no library");
+    chmod(at("/usr/lib/libswivex.dylib").c_str(), 0666);
+    EXPECT_THAT(complaints(examineTraceLibrary(tool.services)),
+                testing::ElementsAre(HasSubstr("can be changed by others")));
+    chmod(at("/usr/lib/libswivex.dylib").c_str(), 0644);
+    EXPECT_THAT(complaints(examineTraceLibrary(tool.services)), testing::ElementsAre(HasSubstr("can't be used")));
+}
+
+TEST_F(Doctor, TracingIsLookedAtStepByStep) {
+    EXPECT_THAT(complaints(examineTracing(tool.services)), testing::ElementsAre(HasSubstr("is not mounted")));
+    fs::create_directories(at("/sys/kernel/tracing/instances"));
+    EXPECT_THAT(complaints(examineTracing(tool.services), Finding::Kind::notice),
+                testing::ElementsAre(HasSubstr("is not armed")));
+    fs::create_directories(at("/sys/kernel/tracing/instances/swivex"));
+    tests::writeWholeFile(at("/sys/kernel/tracing/instances/swivex/tracing_on"), "0\n");
+    EXPECT_THAT(complaints(examineTracing(tool.services), Finding::Kind::notice),
+                testing::ElementsAre(HasSubstr("stopped")));
+    tests::writeWholeFile(at("/sys/kernel/tracing/instances/swivex/tracing_on"), "1\n");
+    EXPECT_THAT(examineTracing(tool.services)[0].kind, Finding::Kind::good);
+}
+
+TEST_F(Doctor, TheStatusTellsWhetherThereIsAProblem) {
+    fs::create_directories(at("/sys/kernel/tracing/instances"));
+    EXPECT_EQ(tool.run({"doctor", "--json"}), ExitStatus::done) << tool.out.str();
+    EXPECT_EQ(nlohmann::json::parse(tool.out.str())["problems"], 0);
+    fs::remove(at("/run/vex/notify"));
+    EXPECT_EQ(tool.run({"doctor"}), ExitStatus::failed);
+    EXPECT_THAT(tool.out.str(), HasSubstr("-> systemd-tmpfiles"));
+    EXPECT_THAT(tool.out.str(), HasSubstr("Problems: 1\n"));
+    EXPECT_THAT(tool.out.str(), testing::Not(HasSubstr("\033")));
+}
+
+TEST_F(Doctor, ColoursAreForATerminal) {
+    tool.services.colours = true;
+    tool.run({"doctor"});
+    EXPECT_THAT(tool.out.str(), HasSubstr("\033[32mgood"));
+}
+
+}  // namespace
+}  // namespace quorvix::ctl
