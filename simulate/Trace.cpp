@@ -64,19 +64,20 @@ std::string_view nameOf(QueueName queue) {
 void Trace::beginWork(QueueName queue) {
     queue_ = queue;
     working_ = true;
+    current_.begin = time_.monotonicNow();
 }
 
 void Trace::endWork() {
     working_ = false;
-    if (current_.empty()) return;
+    if (current_.records.empty()) return;
     if (onRecord) {
-        for (const Record& record : current_) onRecord(queue_, record);
+        for (const Record& record : current_.records) onRecord(queue_, record);
     }
     groups_[static_cast<std::size_t>(queue_)].push_back(std::exchange(current_, {}));
 }
 
 Record& Trace::add(Op op, std::string what) {
-    Record& record = current_.emplace_back();
+    Record& record = current_.records.emplace_back();
     record.op = op;
     record.what = std::move(what);
     return record;
@@ -87,23 +88,24 @@ void Replay::fail(std::string text) const { throw Mismatch{std::string(nameOf(qu
 void Replay::beginWork(QueueName queue) {
     queue_ = queue;
     working_ = true;
+    begin_ = time_.monotonicNow();
     attached_ = false;
     at_ = 0;
     asked_.clear();
 }
 
-Trace::Group* Replay::group() {
-    if (attached_) return &group_;
+std::vector<Record>* Replay::group() {
+    if (attached_) return &group_.records;
     auto& waiting = trace_.groups_[static_cast<std::size_t>(queue_)];
-    if (waiting.empty()) return nullptr;
+    if (waiting.empty() || (working_ && waiting.front().begin != begin_)) return nullptr;
     group_ = std::move(waiting.front());
     waiting.pop_front();
     attached_ = true;
-    return &group_;
+    return &group_.records;
 }
 
 Record* Replay::next() {
-    Trace::Group* const records = group();
+    std::vector<Record>* const records = group();
     if (!records) return nullptr;
     while (at_ < records->size() && isQuestion((*records)[at_].op)) asked_.push_back(std::move((*records)[at_++]));
     return at_ < records->size() ? &(*records)[at_] : nullptr;
@@ -164,7 +166,9 @@ std::optional<Record> Replay::takeNumbered(Op op, std::uint64_t number) {
     if (!attached_) {
         // Most work leaves no record: the group that waits may be that of later work.
         const auto& waiting = trace_.groups_[static_cast<std::size_t>(queue_)];
-        if (waiting.empty() || !std::ranges::any_of(waiting.front(), fits)) return std::nullopt;
+        if (waiting.empty() || waiting.front().begin != begin_ || !std::ranges::any_of(waiting.front().records, fits)) {
+            return std::nullopt;
+        }
     }
     next();
     const auto found = std::ranges::find_if(asked_, fits);

@@ -91,10 +91,12 @@ std::string_view nameOf(QueueName queue);
 // anything, queue by queue.
 class Trace {
 public:
+    explicit Trace(const sim::SimScheduler& time) : time_(time) {}
+
     void beginWork(QueueName queue);
     void endWork();
     // Forgets what was recorded outside of work: the end of a process is nothing that it does.
-    void discard() { current_.clear(); }
+    void discard() { current_.records.clear(); }
     bool inWork() const { return working_; }
     QueueName queue() const { return queue_; }
     // Adds to the work that runs now. Precondition: in work.
@@ -105,8 +107,12 @@ public:
 
 private:
     friend class Replay;
-    using Group = std::vector<Record>;
+    struct Group {
+        std::chrono::nanoseconds begin{0};
+        std::vector<Record> records;
+    };
 
+    const sim::SimScheduler& time_;
     std::deque<Group> groups_[static_cast<std::size_t>(QueueName::count)];
     Group current_;
     QueueName queue_ = QueueName::main;
@@ -147,7 +153,8 @@ public:
     void clear();
 
 private:
-    Trace::Group* group();
+    // The records of the daemon's work that began when this work did; nullptr where it left none.
+    std::vector<Record>* group();
     // The next effect's record; nullptr at the end of the work. Questions before it become answerable.
     Record* next();
     [[noreturn]] void fail(std::string text) const;
@@ -157,6 +164,7 @@ private:
     QueueName queue_ = QueueName::main;
     bool working_ = false;
     bool attached_ = false;
+    std::chrono::nanoseconds begin_{0};
     Trace::Group group_;
     std::size_t at_ = 0;
     std::vector<Record> asked_;

@@ -98,7 +98,7 @@ public:
 
     sim::SimPlatform device;
     FaultPlan faults;
-    Trace trace;
+    Trace trace{device.scheduler};
     ObservedPlatform platform;
     bool debugLines = false;
     std::uint64_t starts = 0;
