@@ -464,9 +464,12 @@ void Model::powerLog(Activation& record) {
 
     std::string memory = "{";
     if (record.statistics & 2) {
-        const vm_statistics64 nothing{};
-        memory += "\"1\":" + hostDictionary(record.startSnapshot.host.value_or(nothing), timestamp, activation, 1);
-        memory += ",\"2\":" + hostDictionary(record.endSnapshot.host.value_or(nothing), timestamp, activation, 2);
+        // A capture that failed is left out.
+        const auto& start = record.startSnapshot.host;
+        const auto& end = record.endSnapshot.host;
+        if (start) memory += "\"1\":" + hostDictionary(*start, timestamp, activation, 1);
+        if (start && end) memory += ",";
+        if (end) memory += "\"2\":" + hostDictionary(*end, timestamp, activation, 2);
     }
     memory += "}";
     replay_.expect(Op::powerEvent, "74 MemoryStatistics " + memory);
