@@ -57,6 +57,8 @@ public:
     // Every operation on a file that reports are made of, in order: "createFile NAME", "unlinkFile NAME", "moveFile
     // NAME", "close NAME"; "createNewFile", "write", "closeChecked" and "replaceFile" likewise.
     const std::vector<std::string>& calls() const { return calls_; }
+    // A long run need not keep them all.
+    void forgetCalls() { calls_.clear(); }
     // A close of what is not open here.
     std::uint64_t wrongCloses() const { return wrongCloses_; }
 

@@ -27,6 +27,8 @@ public:
     // The element counts that were passed, in order.
     const std::vector<std::uint32_t>& counts() const { return counts_; }
 
+    void forgetCalls() { counts_.clear(); }
+
     Faults faults;
 
 private:

@@ -18,6 +18,9 @@ public:
 
     // Replaces the library's table; handles given out before stay good.
     void setLibrary(std::string_view path, Symbols symbols) { libraries_[std::string(path)] = std::move(symbols); }
+    void removeLibrary(std::string_view path) {
+        if (const auto library = libraries_.find(path); library != libraries_.end()) libraries_.erase(library);
+    }
     void removeSymbol(std::string_view path, std::string_view name) {
         const auto library = libraries_.find(path);
         if (library == libraries_.end()) return;

@@ -216,10 +216,15 @@ ObjectId SimMessageService::typeIdOf(MessageEventKind kind) {
     return {0x1000000 + static_cast<std::uint64_t>(kind)};
 }
 
-SimMessageService::~SimMessageService() {
+SimMessageService::~SimMessageService() { processEnded(); }
+
+void SimMessageService::processEnded() {
     for (const auto& weak : connections_) {
         if (const auto connection = weak.lock()) connection->dropHandler();
     }
+    connections_.clear();
+    listeners_.clear();
+    waiting_.clear();
 }
 
 std::shared_ptr<MessageListener> SimMessageService::makeListener(std::string_view endpoint,

@@ -90,6 +90,9 @@ public:
     // SIGTERM: every connection gets errorTerminationImminent.
     void terminationImminent();
 
+    // The daemon's process ends: its listeners and its ends of all connections go, and what was on its way with them.
+    void processEnded();
+
     std::uint64_t connectionsMade() const { return connectionsMade_; }
     // Connections whose invalid event was not delivered yet.
     std::uint64_t liveConnections() const;

@@ -68,6 +68,8 @@ public:
     // The pids whose path was asked for, in order.
     const std::vector<std::int32_t>& asked() const { return asked_; }
 
+    void forgetCalls() { asked_.clear(); }
+
     Faults faults;
 
 private:

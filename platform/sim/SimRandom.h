@@ -16,6 +16,7 @@ public:
 
     // The bounds that were asked for, in order.
     const std::vector<std::uint32_t>& bounds() const { return bounds_; }
+    void forgetCalls() { bounds_.clear(); }
 
 private:
     std::uint32_t nextWord();

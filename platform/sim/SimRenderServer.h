@@ -30,6 +30,7 @@ public:
     }
     void releasePort(std::uint32_t) override { --portReferences_; }
 
+    void forgetMessages() { messages_.clear(); }
     const std::vector<DebugMessage>& messages() const { return messages_; }
     // Ports given out and not released: above 0 is a leak, below 0 a release too many.
     std::int64_t portReferences() const { return portReferences_; }

@@ -7,8 +7,8 @@
 namespace quorvix::sim {
 
 SharedMemoryMapping SimRegionMemory::map(int descriptor) {
-    if (callFaults_.take("map")) return {};
-    const SharedMemoryMapping mapping = regions_.map(descriptor);
+    const SharedMemoryMapping mapping = callFaults_.take("map") ? SharedMemoryMapping{} : regions_.map(descriptor);
+    if (onMap) onMap(mapping);
     if (!mapping.address) return {};
     ++mapCount_;
     lastMapping_ = mapping;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <span>
@@ -40,6 +41,8 @@ public:
     const SharedMemoryMapping& lastMapping() const { return lastMapping_; }
 
     Faults& callFaults() { return callFaults_; }
+    // Told of every map(): of one that failed too.
+    std::function<void(const SharedMemoryMapping&)> onMap;
 
 private:
     struct Record {

@@ -135,13 +135,22 @@ def main_may(_, angled, quoted):
     return bool(angled) or in_folder(quoted, "platform/linux", *SUBSYSTEMS) or is_interface(quoted)
 
 
+def simulator_may(file, angled, quoted):
+    if angled or in_folder(quoted, "simulate", "platform/sim") or is_interface(quoted):
+        return True
+    # The model shares nothing with what it is compared with.
+    is_model = file.startswith("simulate/Model")
+    return not is_model and in_folder(quoted, *SUBSYSTEMS)
+
+
 def rule_for(file):
     if in_folder(file, *SUBSYSTEMS):
         return subsystem_may
     if is_interface(file):
         return interface_may
     for folder, rule in (("platform/linux", linux_may), ("platform/sim", simulation_may), ("client", client_may),
-                         ("ctl", tool_may), ("swivex", trace_library_may), ("report", report_reader_may)):
+                         ("ctl", tool_may), ("swivex", trace_library_may), ("report", report_reader_may),
+                         ("simulate", simulator_may)):
         if in_folder(file, folder):
             return rule
     return main_may if file == "main.cpp" else None
@@ -150,7 +159,7 @@ def rule_for(file):
 def check(root):
     """Complaints, and the number of files looked at."""
     complaints, looked_at = [], 0
-    for folder in (*SUBSYSTEMS, "platform", "client", "ctl", "swivex", "report", "main.cpp"):
+    for folder in (*SUBSYSTEMS, "platform", "client", "ctl", "swivex", "report", "simulate", "main.cpp"):
         start = root / folder
         for path in sorted([start] if start.is_file() else start.rglob("*")):
             name = path.relative_to(root).as_posix()

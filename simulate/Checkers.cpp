@@ -1,0 +1,164 @@
+#include "simulate/Checkers.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+
+#include "activation/ActivationState.h"
+#include "hang/HangState.h"
+#include "hang/QXProcessInfo.h"
+#include "simulate/Text.h"
+
+namespace quorvix::simulate {
+
+namespace {
+
+void require(bool holds, const char* what) {
+    if (!holds) throw Mismatch{std::string("checker: ") + what};
+}
+
+// What a run may hold at any time beyond what it held after a day: a leak of a hundred bytes a hang shows.
+constexpr std::uint64_t kGrowthBytes = 8 << 20;
+constexpr std::uint64_t kMinutesOfADay = 1440;
+
+}  // namespace
+
+void Checkers::processStarted() {
+    tracesToday_ = 0;
+    limitToday_ = 25;
+}
+
+void Checkers::see(QueueName, const Record& record) {
+    switch (record.op) {
+        case Op::logLine:
+            ++logLines_;
+            hangs_ += record.what.find(": Hang detected ") != std::string::npos;
+            break;
+        case Op::dump: tracesToday_ += record.error.value == 0; break;
+        case Op::counterSet:
+            tracesToday_ = 0;
+            limitToday_ = hangState().maxDailyLogs;
+            break;
+        case Op::unlinkFile:
+            if (record.error.value != 0) unlinkFailed_ = true;
+            break;
+        case Op::replaceFile:
+        case Op::closeChecked:
+        case Op::writeFile:
+            if (record.error.value != 0) placeFailed_ = true;
+            break;
+        case Op::powerEvent: ++powerEvents_; break;
+        default: break;
+    }
+}
+
+void Checkers::afterStep() {
+    require(world_.device.files.openFiles().empty(), "a file was left open");
+    require(world_.device.files.wrongCloses() == 0, "a file was closed twice");
+    require(world_.device.renderServer.portReferences() == 0, "a port of the render server was not released");
+    require(world_.device.regions.wrongLengthUnmaps() == 0, "a region was given back with another length");
+    if (!world_.running()) {
+        require(world_.device.regions.liveMappings() == 0, "a mapping outlived the process");
+        return;
+    }
+    const HangState& state = hangState();
+    const Model& model = world_.model();
+    for (const auto& [name, credits] : state.appCredits) require(credits <= 3, "credits of an app above 3");
+    require(state.watchedProcesses.size() == model.watched().size(), "the registry's size is not the model's");
+    std::set<std::int32_t> pids;
+    for (const auto& process : state.watchedProcesses) {
+        require(pids.insert(process->pid()).second, "the registry holds a pid twice");
+    }
+    require(state.dailyLogCredits == model.dailyLogCredits(), "the day's credits are not the model's");
+    require(state.fenceHangCapturePending == model.fenceCapturePending(),
+            "the pending fence capture is not the model's");
+    // One more than the limit: a fence capture that was let through before and taken after.
+    limitToday_ = std::max<std::int64_t>(limitToday_, state.maxDailyLogs);
+    require(tracesToday_ <= std::max<std::int64_t>(limitToday_, 0) + 1, "more reports than a day has");
+    require(world_.device.regions.liveMappings() == model.mappingsHeld(),
+            "a mapping leaked, or was given back too soon");
+}
+
+void Checkers::checkReports() {
+    auto& files = world_.device.files;
+    const auto collect = [&](std::string_view folder) {
+        const auto names = files.list(folder);
+        for (const std::string& name : names) static_cast<void>(files.unlinkFile({folder, name}));
+        return names.size();
+    };
+    for (const std::string& name : files.list(kSpool)) {
+        const std::string content = files.read(std::string(kSpool) + "/" + name).value_or("");
+        if (!content.starts_with("TRACE {\"Reason\":\"") || !content.ends_with("}\nEND")) {
+            throw Mismatch{"checker: the report " + name + " is half there: \"" + content + "\""};
+        }
+    }
+    for (const std::string& name : files.list(kReports)) {
+        const std::string content = files.read(std::string(kReports) + "/" + name).value_or("");
+        if (!content.starts_with("{\"bug_type\":\"152\"") || !content.ends_with("]\n}\n")) {
+            throw Mismatch{"checker: the memory report " + name + " is half there"};
+        }
+    }
+    reports_ += collect(kSpool);
+    memoryReports_ += collect(kReports);
+    const std::size_t begun = collect(kTmp);
+    require(begun == 0 || unlinkFailed_, "a report that was begun lies in the tmp folder");
+    for (const std::string& name : files.list(kCaches)) {
+        if (!name.starts_with("memory-snapshot-")) continue;
+        require(unlinkFailed_ || placeFailed_, "a memory report that was begun lies in the cache folder");
+        static_cast<void>(files.unlinkFile({kCaches, name}));
+    }
+    unlinkFailed_ = placeFailed_ = false;
+}
+
+void Checkers::everyMinute() {
+    checkReports();
+    auto& device = world_.device;
+    device.files.forgetCalls();
+    device.processes.forgetCalls();
+    device.host.forgetCalls();
+    device.random.forgetCalls();
+    device.preferences.clearCalls();
+    device.renderServer.forgetMessages();
+    if (++minutes_ % kMinutesOfADay == 0) {
+        const std::uint64_t held = mallinfo2().uordblks;
+        if (settledBytes_ == 0) settledBytes_ = held;
+        require(held < settledBytes_ + kGrowthBytes, "memory grows without bound");
+    }
+    if (!world_.running()) return;
+    const HangState& state = hangState();
+    const Model& model = world_.model();
+    for (std::size_t i = 0; i < state.watchedProcesses.size(); ++i) {
+        const auto& real = *state.watchedProcesses[i];
+        const auto& expected = *model.watched()[i];
+        require(real.pid() == expected.pid, "the registry's order is not the model's");
+        require(real.processName() == expected.name && real.processPath() == expected.path, "a name in the registry");
+    }
+    require(state.appCredits.size() == model.appCredits().size(), "the table of credits is not the model's");
+    for (const auto& [name, credits] : model.appCredits()) {
+        const auto found = state.appCredits.find(name);
+        require(found != state.appCredits.end() && found->second == credits, "an app's credits are not the model's");
+    }
+    require(state.maxDailyLogs == model.maxDailyLogs(), "the daily limit is not the model's");
+    require(activationState().activationsRecordedCount == model.activationsRecorded(),
+            "the count of activations is not the model's");
+    for (const Region& region : fleet_.regions()) {
+        const auto real = region.real->bytes();
+        require(std::memcmp(real.data(), region.model->bytes.data(), real.size()) == 0 || real.empty(),
+                "a client's region is not what the model made of it");
+    }
+}
+
+void Checkers::atTheEnd() {
+    afterStep();
+    everyMinute();
+    if (!world_.running()) return;
+    require(hangState().watchedProcesses.empty(), "the registry is not empty at the end");
+    require(world_.device.regions.liveMappings() == 0, "a mapping is left at the end");
+    require(world_.model().openActivations() == 0, "an activation is open at the end");
+    require(world_.device.messages.liveConnections() == 0, "a connection is left at the end");
+    require(!hangState().fenceHangCapturePending, "a capture is pending at the end");
+}
+
+}  // namespace quorvix::simulate

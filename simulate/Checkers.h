@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "simulate/Actions.h"
+#include "simulate/World.h"
+
+namespace quorvix::simulate {
+
+// What must hold whatever happens, looked at from outside of both the daemon and the model. Each throws Mismatch.
+class Checkers {
+public:
+    Checkers(World& world, const Fleet& fleet) : world_(world), fleet_(fleet) {}
+
+    // For every record of the daemon, as it is complete.
+    void see(QueueName queue, const Record& record);
+    // Cheap: after every step.
+    void afterStep();
+    // The whole comparison: every simulated minute. Collects the reports that lie about.
+    void everyMinute();
+    // Every client is gone and all time-outs have passed: nothing may be left.
+    void atTheEnd();
+    // The daemon's process is a new one.
+    void processStarted();
+
+    std::uint64_t reports() const { return reports_; }
+    std::uint64_t memoryReports() const { return memoryReports_; }
+    std::uint64_t hangs() const { return hangs_; }
+    std::uint64_t powerEvents() const { return powerEvents_; }
+    std::uint64_t logLines() const { return logLines_; }
+
+private:
+    void checkReports();
+
+    World& world_;
+    const Fleet& fleet_;
+    std::uint64_t reports_ = 0;
+    std::uint64_t memoryReports_ = 0;
+    std::uint64_t hangs_ = 0;
+    std::uint64_t powerEvents_ = 0;
+    std::uint64_t logLines_ = 0;
+    // Traces taken since the daily reset, and the highest limit that held in that time.
+    std::int64_t tracesToday_ = 0;
+    std::int64_t limitToday_ = 25;
+    // A file that could not be removed lies in a folder with reason.
+    bool unlinkFailed_ = false;
+    bool placeFailed_ = false;
+    std::uint64_t settledBytes_ = 0;
+    std::uint64_t minutes_ = 0;
+};
+
+}  // namespace quorvix::simulate

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "simulate/Actions.h"
+#include "simulate/Journal.h"
+
+namespace quorvix::simulate {
+
+// What decides a run.
+struct Options {
+    std::uint64_t seed = 1;
+    std::uint64_t days = 1;
+    std::uint64_t clients = 10;
+    // Kinds of actions that are left out.
+    std::set<ActionKind> without{};
+    // Nothing: all actions; else those of these numbers only.
+    std::optional<std::vector<std::uint64_t>> only{};
+    // Nothing: as many as the days have; else the run ends after this many minutes.
+    std::optional<std::uint64_t> minutes{};
+
+    // As the command line takes them.
+    std::string text() const;
+};
+
+struct Outcome {
+    // Nothing: all went well.
+    std::optional<std::string> failure;
+    std::uint64_t failedAfterAction = 0;
+    std::uint64_t failedAfterMinutes = 0;
+    std::vector<std::uint64_t> actions;  // that were applied
+    std::uint64_t sum = 0;
+    std::string summary;
+};
+
+// One run from the start of the device to its end.
+Outcome simulate(const Options& options, Journal& journal);
+
+}  // namespace quorvix::simulate
