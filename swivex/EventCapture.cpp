@@ -159,7 +159,8 @@ private:
     }
 
     void noteCoverage() {
-        if (unreadable_ || coverage_.empty()) return;
+        // What was not read to its end covers nothing that can be relied on.
+        if (unreadable_ || !captured_.inTime || coverage_.empty()) return;
         std::uint64_t begin = 0;
         bool anything = false;
         for (const Coverage& cpu : coverage_) {

@@ -59,7 +59,7 @@ void LinuxSignposts::write(char kind, std::uint32_t identifier, std::string_view
     const std::string pid = std::to_string(::getpid());
     const std::lock_guard lock(mutex_);
     // Not kept: the recorder can't be switched off while its marker is held open.
-    const Descriptor marker(::open(markerPath_.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const Descriptor marker(::open(markerPath_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!marker) {
         ++failed_;
         return;

@@ -106,8 +106,7 @@ protected:
         PacketBuffer file(PacketBuffer::Form::compressed);
         Attributes about;
         const ClockPair clocks{window.dumpNs, window.dumpNs + 5, window.dumpNs + 7};
-        captured = captureEvents(ring, {folder.path(), "swivex"}, {window, hungThread}, clocks, file, about,
-                                 Deadline::in(std::chrono::seconds(60)));
+        captured = captureEvents(ring, {folder.path(), "swivex"}, {window, hungThread}, clocks, file, about, deadline);
         PacketWriter attributes;
         attributes.message(1, [&] { about.write(attributes); });
         file.finish();
@@ -118,6 +117,7 @@ protected:
 
     quorvix::tests::TemporaryFolder folder;
     FakeRing ring;
+    Deadline deadline = Deadline::in(std::chrono::seconds(60));
     Window window{1000, 2000, 2500};
     Captured captured;
     std::vector<Message> packets;
@@ -244,6 +244,14 @@ TEST_F(EventCapture, RingThatCantBeReadIsSaidAndCoversNothing) {
     capture();
     EXPECT_EQ(attribute["missing.recorder"], "broken");
     EXPECT_EQ(captured.coveredBeginNs, 0U);
+    EXPECT_EQ(captured.coveredEndNs, 0U);
+}
+
+TEST_F(EventCapture, WhatWasNotReadInTimeCoversNothing) {
+    ring.held[0].events = {switchAt(400, kApp, kSleeping, kOther)};
+    deadline = Deadline::in(std::chrono::seconds(0));
+    capture();
+    EXPECT_FALSE(captured.inTime);
     EXPECT_EQ(captured.coveredEndNs, 0U);
 }
 
