@@ -3,8 +3,8 @@
 #include <malloc.h>
 
 #include <algorithm>
-#include <cstring>
 #include <set>
+#include <span>
 
 #include "activation/ActivationState.h"
 #include "hang/HangState.h"
@@ -145,8 +145,8 @@ void Checkers::everyMinute() {
             "the count of activations is not the model's");
     for (const Region& region : fleet_.regions()) {
         const auto real = region.real->bytes();
-        require(std::memcmp(real.data(), region.model->bytes.data(), real.size()) == 0 || real.empty(),
-                "a client's region is not what the model made of it");
+        const auto expected = std::span(region.model->bytes).first(real.size());
+        require(std::ranges::equal(real, expected), "a client's region is not what the model made of it");
     }
 }
 

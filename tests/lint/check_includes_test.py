@@ -113,6 +113,14 @@ class IncludeRule(unittest.TestCase):
         self.refuses("ctl/main.cpp", '#include "service/Core.h"')
         self.refuses("ctl/Bad.cpp", '#include "memsnapshot/MemorySnapshot.h"')
 
+    def test_the_simulation_s_model_may_not_use_a_subsystem(self):
+        self.refuses("simulate/ModelHangs.cpp", '#include "hang/Registry.h"')
+        (self.root / "simulate/ModelHangs.cpp").unlink()
+        self.accepts("simulate/Checkers.cpp", '#include "hang/Registry.h"')
+
+    def test_the_simulation_may_not_use_the_linux_platform(self):
+        self.refuses("simulate/World.cpp", '#include "platform/linux/Files.h"')
+
     def test_a_file_that_is_not_there_is_refused(self):
         self.refuses("hang/Bad.cpp", '#include "platform/Gone.h"')
 
