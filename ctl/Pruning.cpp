@@ -1,8 +1,6 @@
 #include "ctl/Pruning.h"
 
 #include <algorithm>
-#include <iterator>
-#include <numeric>
 #include <set>
 #include <tuple>
 
@@ -15,19 +13,18 @@ std::vector<std::string> reportsToPrune(std::vector<StoredReport> reports, const
         return std::tie(left.written, left.fileName) > std::tie(right.written, right.fileName);
     });
     std::set<std::string> keptOwners;
-    const auto others = std::ranges::stable_partition(reports, [&](const StoredReport& report) {
-        return keptOwners.size() < limits.keptOwners && keptOwners.insert(report.owner).second;
-    });
-
-    std::uint64_t bytes =
-        std::accumulate(reports.begin(), reports.end(), std::uint64_t{0},
-                        [](std::uint64_t sum, const StoredReport& report) { return sum + report.bytes; });
+    std::vector<const StoredReport*> others;
+    std::uint64_t bytes = 0;
+    for (const StoredReport& report : reports) {
+        bytes += report.bytes;
+        const bool isKept = keptOwners.size() < limits.keptOwners && keptOwners.insert(report.owner).second;
+        if (!isKept) others.push_back(&report);
+    }
     std::vector<std::string> pruned;
-    for (auto end = others.end(); end != others.begin(); --end) {
-        const auto oldest = std::prev(end);
-        if (now - oldest->written <= limits.age && bytes <= limits.bytes) break;
-        bytes -= oldest->bytes;
-        pruned.push_back(oldest->fileName);
+    for (auto oldest = others.rbegin(); oldest != others.rend(); ++oldest) {
+        if (now - (*oldest)->written <= limits.age && bytes <= limits.bytes) break;
+        bytes -= (*oldest)->bytes;
+        pruned.push_back((*oldest)->fileName);
     }
     return pruned;
 }

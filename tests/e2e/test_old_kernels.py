@@ -40,4 +40,4 @@ class OldKernels(harness.DaemonTest):
         self.assertEqual(harness.reason_of(report)["PID"], app.pid)
         # A peer's end is seen all the same.
         app.kill()
-        daemon.wait_line(f"stop watching pid {app.pid}")
+        daemon.wait_line(f"Client disconnected: {app.pid}")

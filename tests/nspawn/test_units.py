@@ -143,7 +143,7 @@ class AtBoot(UnitTest):
         text = MACHINE.must("systemd-analyze", "security", "--no-pager", SERVICE)
         print(text, flush=True)
         exposure = float(text.split("Overall exposure level for quorvixd.service:")[1].split()[0])
-        self.assertLess(exposure, 5.0)
+        self.assertLessEqual(exposure, 4.0)
 
 
 class SwitchedOnAndOff(UnitTest):

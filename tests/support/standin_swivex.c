@@ -6,6 +6,7 @@
  *   STANDIN_NO_SYMBOL  has no dump function
  *   STANDIN_FAILING    writes a part and answers false
  *   STANDIN_SLOW       takes 300 ms
+ *   STANDIN_STUCK      never comes back
  *   STANDIN_NO_KEY     does not know SWXDumpOptions_NoSymbolicate
  */
 #define _POSIX_C_SOURCE 200809L
@@ -58,6 +59,9 @@ STANDIN_EXPORT bool swivex_dump_output_with_options_sync(int fd, const struct sw
 #ifdef STANDIN_SLOW
     const struct timespec pause = {.tv_sec = 0, .tv_nsec = 300000000};
     nanosleep(&pause, NULL);
+#endif
+#ifdef STANDIN_STUCK
+    for (;;) pause();
 #endif
 #ifdef STANDIN_FAILING
     count /= 2;

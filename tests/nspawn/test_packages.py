@@ -1,0 +1,335 @@
+"""The Debian packages on a bare system under its own service manager, from installing to purging. One story: each test
+goes on where the one before it left off, in the order of their numbers."""
+
+import json
+import os
+import pathlib
+import shutil
+import sqlite3
+import subprocess
+import tempfile
+import time
+import unittest
+
+from machine import HELPER_UNITS, PATH_UNITS, SERVICE, SOCKET, wait_until
+
+MACHINE = None  # set by run.py
+BEFORE = set()  # the machine's files before anything was installed
+
+INSTALLED = ("quorvixd", "quorvix-tools", "libquorvix0")
+PREFERENCES = "/var/mobile/Library/Preferences"
+CACHES = "/var/root/Library/Caches/quorvixd"
+REPORTS = "/Library/Logs/Faultbox"
+APPS = [f"app-{number}" for number in range(8)]
+# What the service manager, the journal and the package manager write by themselves.
+OF_THE_SYSTEM = ("/var/lib/dpkg/", "/var/log/", "/var/cache/", "/var/lib/systemd/catalog/", "/var/lib/systemd/timers/",
+                 "/var/lib/systemd/random-seed", "/var/lib/systemd/coredump", "/var/tmp/", "/etc/.pwd.lock",
+                 "/etc/machine-id")
+LATER = "+later"
+
+
+def prepare(root, packages, build):
+    """The packages, those of a later version, an app and a trace library that never comes back, as files."""
+    for folder in ("root/debs", "root/later", "root/stuck"):
+        (root / folder).mkdir(parents=True)
+    for name in INSTALLED:
+        (package,) = packages.glob(f"{name}_*.deb")
+        shutil.copy(package, root / "root/debs")
+        make_later(package, root / "root/later")
+    shutil.copy(build / "bin/quorvix_poll_app", root / "root/app")
+    shutil.copy(build / "standin/standin_swivex/libswivex.dylib", root / "root/libswivex.dylib")
+    shutil.copy(build / "standin/standin_swivex_stuck/libswivex.dylib", root / "root/stuck/libswivex.dylib")
+
+
+def make_later(package, folder):
+    """The same package under a later version."""
+    with tempfile.TemporaryDirectory() as content:
+        subprocess.run(["dpkg-deb", "--raw-extract", package, content], check=True)
+        control = pathlib.Path(content, "DEBIAN/control")
+        version = subprocess.run(["dpkg-deb", "--field", package, "Version"], check=True, capture_output=True,
+                                 text=True).stdout.strip()
+        control.write_text(control.read_text().replace(version, version + LATER))
+        subprocess.run(["dpkg-deb", "--root-owner-group", "--build", content, str(folder / package.name)], check=True,
+                       stdout=subprocess.DEVNULL)
+
+
+def look_at_the_boot():
+    BEFORE.update(files())
+
+
+def files():
+    """Every file and folder of the parts of the system that packages write to."""
+    found = MACHINE.must("find", "/etc", "/usr", "/lib/systemd", "/var", "/Library", "/run/vex", "-xdev") \
+        if MACHINE.path("/Library").exists() else MACHINE.must("find", "/etc", "/usr", "/lib/systemd", "/var", "-xdev")
+    return {name for name in found.splitlines() if not name.startswith(OF_THE_SYSTEM)}
+
+
+def dpkg(*arguments):
+    result = MACHINE.run("dpkg", *arguments, seconds=90)
+    if result.returncode != 0:
+        raise AssertionError(f"dpkg {' '.join(arguments)} ended with {result.returncode}: {result.stdout}{result.stderr}")
+    return result.stdout + result.stderr
+
+
+def debs(folder):
+    return [f"/root/{folder}/{path.name}" for path in sorted(MACHINE.path(f"/root/{folder}").iterdir())]
+
+
+def ctl(*arguments):
+    return MACHINE.must("quorvixctl", *arguments)
+
+
+def status():
+    """The daemon's state; nothing while it is down."""
+    result = MACHINE.run("quorvixctl", "status", "--json")
+    return json.loads(result.stdout) if result.returncode == 0 else None
+
+
+def watched():
+    """How many processes are watched."""
+    state = status()
+    return len(state["watched"]) if state else 0
+
+
+def entries(*matches):
+    MACHINE.must("journalctl", "--sync")
+    text = MACHINE.must("journalctl", "-o", "json", "--all", "--no-pager", *matches)
+    return [json.loads(line) for line in text.splitlines()]
+
+
+def reports():
+    return sorted(MACHINE.path(CACHES + "/spool").glob("*.swivex"))
+
+
+def counters():
+    """What the store of the counters holds."""
+    # A copy: the path leads through another file system's root, where the files beside the store are not found.
+    with tempfile.TemporaryDirectory() as folder:
+        for source in MACHINE.path("/var/lib/quorvix").glob("tallisk.db*"):
+            shutil.copy(source, folder)
+        store = sqlite3.connect(f"{folder}/tallisk.db")
+        try:
+            return dict(store.execute("SELECT key, count FROM distribution"))
+        except sqlite3.OperationalError:
+            return {}
+        finally:
+            store.close()
+
+
+def use_trace_library(name):
+    shutil.copy(MACHINE.path(f"/root/{name}"), MACHINE.path("/usr/lib/libswivex.dylib.new"))
+    MACHINE.path("/usr/lib/libswivex.dylib.new").rename(MACHINE.path("/usr/lib/libswivex.dylib"))
+
+
+class Packages(unittest.TestCase):
+    story_ended = False
+
+    def setUp(self):
+        if Packages.story_ended:
+            self.fail("an earlier step failed")
+
+    def run(self, result=None):
+        before = len(result.failures) + len(result.errors)
+        super().run(result)
+        if len(result.failures) + len(result.errors) > before and not Packages.story_ended:
+            Packages.story_ended = True
+            print(MACHINE.run("journalctl", "--no-pager", "-n", "60").stdout, flush=True)
+
+    def assert_nothing_failed(self):
+        self.assertEqual(MACHINE.must("systemctl", "--failed", "--plain", "--no-legend", "list-units", "quorvixd*"), "")
+
+    def wait_all_watched(self):
+        wait_until(lambda: watched() == len(APPS), 30, "the watched apps")
+
+    def start_app(self, name, *arguments):
+        MACHINE.must("systemd-run", "--quiet", f"--unit={name}", "--property=CollectMode=inactive-or-failed", "/root/app",
+                     *arguments)
+
+    def test_01_installing_starts_cleanly(self):
+        dpkg("--install", *debs("debs"))
+        self.assertEqual(MACHINE.must("dpkg", "--audit"), "")
+        self.assertEqual(MACHINE.must("dpkg", "--verify", *INSTALLED), "")
+        wait_until(lambda: MACHINE.show(SERVICE)["ActiveState"] == "inactive", 15, "the end of a daemon with nothing to do")
+        self.assertEqual(MACHINE.show(SERVICE)["Result"], "success")
+        self.assertNotEqual(MACHINE.show(SERVICE)["ActiveEnterTimestampMonotonic"], "0")
+        self.assert_nothing_failed()
+
+    def test_02_what_the_preset_names_is_switched_on_and_nothing_else(self):
+        enabled = {unit: MACHINE.show(unit)["UnitFileState"]
+                   for unit in (SERVICE, *PATH_UNITS, SOCKET, "quorvixd-prune.timer", "quorvixd-reports.path")}
+        self.assertEqual(enabled, {**dict.fromkeys(enabled, "enabled"), SOCKET: "disabled"})
+        for unit in (*PATH_UNITS, "quorvixd-prune.timer", "quorvixd-reports.path"):
+            self.assertEqual(MACHINE.show(unit)["ActiveState"], "active", unit)
+        preset = MACHINE.must("cat", "/usr/lib/systemd/system-preset/50-quorvixd.preset")
+        for unit, state in enabled.items():
+            self.assertIn(f"{'enable' if state == 'enabled' else 'disable'} {unit}\n", preset)
+
+    def test_03_systemd_finds_nothing_wrong_and_little_exposed(self):
+        units = [f"/lib/systemd/system/{unit}" for unit in (SERVICE, *PATH_UNITS, SOCKET, *HELPER_UNITS)]
+        result = MACHINE.run("systemd-analyze", "verify", "--man=no", *units)
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, "", ""))
+        for unit in (SERVICE, "quorvixd-prune.service"):
+            text = MACHINE.must("systemd-analyze", "security", "--no-pager", unit)
+            exposure = float(text.split(f"Overall exposure level for {unit}:")[1].split()[0])
+            print(f"{unit}: exposure {exposure}", flush=True)
+            self.assertLessEqual(exposure, 4.0)
+
+    def test_04_enabling_a_job_starts_the_daemon(self):
+        if not MACHINE.path("/usr/lib/libswivex.dylib").exists():
+            use_trace_library("libswivex.dylib")
+        ctl("enable", "hang")
+        self.assertEqual(MACHINE.show(SERVICE)["ActiveState"], "active")
+        settings = status()["settings"]
+        self.assertTrue(settings["hangTracingEnabled"])
+        self.assertTrue(settings["swivexEnabled"])
+        ctl("enable", "memory")
+        self.assertTrue(status()["settings"]["memoryLoggingEnabled"])
+
+    def test_05_a_hang_becomes_a_report_that_is_handed_on(self):
+        hook = MACHINE.path("/etc/quorvix/report.d/note")
+        hook.write_text('#!/bin/sh\necho "$1" >>/root/handed-on\n')
+        hook.chmod(0o755)
+        self.start_app("hanging", "60", "hang", "20", "after", "1")
+        report = wait_until(lambda: next(iter(reports()), None), 40, "the report")
+        noted = MACHINE.path("/root/handed-on")
+        wait_until(noted.exists, 20, "the hand-over")
+        self.assertEqual(noted.read_text(), f"{CACHES}/spool/{report.name}\n")
+        MACHINE.must("systemctl", "start", "quorvixd-reports.service")
+        self.assertEqual(len(noted.read_text().splitlines()), 1, "each report once")
+        MACHINE.run("systemctl", "stop", "hanging")
+
+    def test_06_the_journal_explains_the_hang(self):
+        ids = {}
+        for entry in entries("SYSLOG_IDENTIFIER=quorvixd"):
+            if "MESSAGE_ID" in entry:
+                ids[entry["MESSAGE_ID"]] = entry["MESSAGE"]
+        hang = next(key for key, text in ids.items() if ": Hang detected " in text)
+        self.assertTrue(any(text.startswith("Report written: ") for text in ids.values()))
+        explained = MACHINE.must("journalctl", "--no-pager", "-x", "-t", "quorvixd", f"MESSAGE_ID={hang}")
+        self.assertIn("Subject: An app's main thread did not finish its work in time", explained)
+        self.assertIn("What to do next", explained)
+
+    def test_07_pruning_runs_in_its_sandbox_and_keeps_the_newest(self):
+        spool = MACHINE.path(CACHES + "/spool")
+        for number in range(3):
+            old = spool / f"main-old-2026-01-0{number + 1}-120000.swivex"
+            old.write_text("old")
+            moment = time.time() - (90 - number) * 24 * 3600
+            os.utime(old, (moment, moment))
+        kept = len(reports()) - 2
+        MACHINE.must("systemctl", "start", "quorvixd-prune.service")
+        self.assertEqual(MACHINE.show("quorvixd-prune.service")["Result"], "success")
+        self.assertEqual(len(reports()), kept)
+        self.assertTrue((spool / "main-old-2026-01-03-120000.swivex").exists())
+
+    def test_08_killed_under_load_it_watches_its_apps_again(self):
+        for name in APPS:
+            self.start_app(name, "3600")
+        self.wait_all_watched()
+        for _ in range(3):
+            before = MACHINE.show(SERVICE)["MainPID"]
+            MACHINE.must("systemctl", "kill", "--signal=KILL", SERVICE)
+            wait_until(lambda: MACHINE.show(SERVICE)["MainPID"] not in ("0", before) and status(), 20, "the restart")
+            self.wait_all_watched()
+        self.assert_nothing_failed()
+
+    def test_09_a_stuck_queue_is_seen_and_ended(self):
+        """The daemon's queue waits for ever in the trace library; its other threads are well."""
+        original = MACHINE.path("/usr/lib/libswivex.dylib").read_bytes()
+        use_trace_library("stuck/libswivex.dylib")
+        folder = MACHINE.path(f"/run/systemd/system/{SERVICE}.d")
+        folder.mkdir(parents=True)
+        (folder / "quick.conf").write_text("[Service]\nWatchdogSec=4s\n")
+        MACHINE.must("systemctl", "daemon-reload")
+        MACHINE.must("systemctl", "restart", SERVICE)
+        before = MACHINE.show(SERVICE)
+        self.wait_all_watched()
+        time.sleep(6)
+        self.assertEqual(MACHINE.show(SERVICE)["MainPID"], before["MainPID"], "a daemon that is well is left alone")
+        self.start_app("hanging-again", "30", "hang", "20", "after", "1")
+        wait_until(lambda: int(MACHINE.show(SERVICE)["NRestarts"]) > int(before["NRestarts"]), 40, "the watchdog")
+        self.assertTrue([entry for entry in entries(f"UNIT={SERVICE}") if "Watchdog timeout" in entry["MESSAGE"]])
+        MACHINE.run("systemctl", "stop", "hanging-again")
+        MACHINE.path("/root/original").write_bytes(original)
+        use_trace_library("original")
+        shutil.rmtree(folder)
+        MACHINE.must("systemctl", "daemon-reload")
+        MACHINE.must("systemctl", "restart", SERVICE)
+        self.wait_all_watched()
+
+    def test_10_upgrading_keeps_stores_preferences_and_watched_apps(self):
+        wait_until(counters, 30, "the stored counters")
+        before, shown, kept = counters(), MACHINE.show(SERVICE), [path.name for path in reports()]
+        lists = {path.name: path.read_bytes() for path in MACHINE.path(PREFERENCES).glob("*.plist")}
+        self.assertTrue(lists)
+        dpkg("--install", *debs("later"))
+        self.assertTrue(MACHINE.must("dpkg-query", "-W", "-f", "${Version}", "quorvixd").endswith(LATER))
+        wait_until(lambda: MACHINE.show(SERVICE)["ActiveState"] == "active" and status(), 20, "the new daemon")
+        self.assertNotEqual(MACHINE.show(SERVICE)["MainPID"], shown["MainPID"])
+        self.wait_all_watched()
+        self.assertEqual({path.name: path.read_bytes() for path in MACHINE.path(PREFERENCES).glob("*.plist")}, lists)
+        self.assertLessEqual(before.items(), counters().items())
+        self.assertEqual([path.name for path in reports()], kept)
+        self.assertTrue(MACHINE.path("/etc/quorvix/report.d/note").exists())
+        for unit in (*PATH_UNITS, "quorvixd-prune.timer", "quorvixd-reports.path"):
+            self.assertEqual(MACHINE.show(unit)["ActiveState"], "active", unit)
+        self.assert_nothing_failed()
+
+    def test_11_an_upgrade_starts_no_unit_that_was_switched_off(self):
+        MACHINE.must("systemctl", "disable", "--now", "quorvixd-prune.timer")
+        dpkg("--install", *debs("later"))
+        self.assertEqual(MACHINE.show("quorvixd-prune.timer")["UnitFileState"], "disabled")
+        MACHINE.must("systemctl", "enable", "--now", "quorvixd-prune.timer")
+
+    def test_12_removing_ends_the_daemon_and_keeps_data(self):
+        dpkg("--remove", "quorvixd", "quorvix-tools")
+        self.assertFalse(MACHINE.path("/usr/sbin/quorvixd").exists())
+        self.assertFalse(MACHINE.path("/run/vex").exists())
+        self.assertEqual(MACHINE.must("systemctl", "list-units", "--all", "--plain", "--no-legend", "--state=active",
+                                      "quorvixd*"), "")
+        self.assertTrue(reports())
+        self.assertTrue(counters())
+        self.assertTrue(list(MACHINE.path(PREFERENCES).glob("*.plist")))
+        # The apps live on.
+        for name in APPS:
+            self.assertEqual(MACHINE.show(f"{name}.service")["ActiveState"], "active")
+            MACHINE.run("systemctl", "stop", name)
+
+    def test_13_purging_leaves_the_users_data_only(self):
+        MACHINE.run("systemctl", "stop", *APPS)
+        # The administrator's own, and what this test put there.
+        MACHINE.path("/etc/quorvix/report.d/note").unlink(missing_ok=True)
+        MACHINE.path("/usr/lib/libswivex.dylib").unlink(missing_ok=True)
+        dpkg("--purge", *INSTALLED)
+        left = files() - BEFORE
+        data = {name for name in left if name.startswith((CACHES + "/spool", PREFERENCES, REPORTS))}
+        parents = {str(parent) for name in data for parent in pathlib.Path(name).parents}
+        self.assertEqual(sorted(left - data - parents), [])
+        self.assertTrue(reports())
+        self.assertTrue(list(MACHINE.path(PREFERENCES).glob("*.plist")))
+        self.assertEqual(sorted(BEFORE - files()), [])
+        self.assert_nothing_failed()
+
+    def test_14_installing_again_finds_the_preferences(self):
+        dpkg("--install", *debs("debs"))
+        wait_until(lambda: MACHINE.show(SERVICE)["ActiveState"] == "active" and status(), 20, "the daemon")
+        self.assertTrue(status()["settings"]["hangTracingEnabled"])
+
+    def test_15_the_init_script_does_without_the_service_manager(self):
+        MACHINE.must("systemctl", "stop", *PATH_UNITS, SERVICE)
+        shutil.rmtree(MACHINE.path("/run/vex"))
+
+        def script(action):
+            # Or the functions that it uses would hand it to the service manager, which runs here.
+            return MACHINE.run("env", "_SYSTEMCTL_SKIP_REDIRECT=1", "/etc/init.d/quorvixd", action).returncode
+        self.assertEqual(script("status"), 3)
+        self.assertEqual(script("start"), 0)
+        pid = wait_until(status, 15, "the daemon")["pid"]
+        self.assertEqual(script("start"), 0)
+        self.assertEqual(script("status"), 0)
+        self.assertEqual(status()["pid"], pid)
+        self.assertEqual(script("restart"), 0)
+        wait_until(lambda: (status() or {"pid": pid})["pid"] != pid, 15, "another daemon")
+        self.assertEqual(script("stop"), 0)
+        self.assertIsNone(status())
+        self.assertEqual(script("stop"), 0)
