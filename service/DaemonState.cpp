@@ -36,8 +36,9 @@ JsonObject settingsObject() {
     };
 }
 
+// To the nearest second: msPerTick is of single precision, and 900 s of ticks are a little more than 900.
 std::int64_t secondsOf(std::uint64_t ticks) {
-    return saturated<std::int64_t>(std::ceil(static_cast<double>(ticks) * msPerTick() / 1000.0));
+    return saturated<std::int64_t>(std::round(static_cast<double>(ticks) * msPerTick() / 1000.0));
 }
 
 JsonValue secondsOrNothing(const std::optional<std::uint64_t>& ticks) {
