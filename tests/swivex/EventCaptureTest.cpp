@@ -286,6 +286,25 @@ TEST_F(EventCapture, BundlesHoldTwoThousandEventsAndStandByThemselves) {
     EXPECT_EQ(seen[3999].prevPid, kOther);
 }
 
+TEST_F(EventCapture, BundlesOfLongLinesAreShorter) {
+    window = {1000, 90000, 90000};
+    const std::string line(3000, 'x');
+    for (std::uint64_t index = 0; index < 1000; ++index) {
+        Event event;
+        event.timeNs = 1000 + index;
+        event.kind = EventKind::print;
+        event.text = line;
+        ring.held[0].events.push_back(event);
+    }
+    capture();
+    std::size_t events = 0;
+    for (const Message& packet : packets) {
+        EXPECT_LT(packet.text(1).size(), 200'000U);
+        events += packet.message(1).messages(2).size();
+    }
+    EXPECT_EQ(events, 1000U);
+}
+
 TEST(StateLetter, IsThatOfProcfs) {
     for (const auto& [state, letter] : std::map<std::int64_t, char>{{0, 'R'},
                                                                     {0x100, 'R'},
