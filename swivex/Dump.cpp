@@ -31,8 +31,8 @@ using std::chrono::milliseconds;
 constexpr std::uint64_t kDefaultWindowNs = 10'000'000'000;
 // Kept back for writing the file, whatever took long before.
 constexpr milliseconds kWritingTime{300};
-// Likewise for the names of processes, without which the events say little.
-constexpr milliseconds kNamingTime{500};
+// Likewise for the recorder's events, however many processes there are to be listed before.
+constexpr milliseconds kEventTime{500};
 
 // The stacks' share of what there is, and the most that they get.
 constexpr int kStackShare = 2;
@@ -75,9 +75,9 @@ public:
         chooseWindow();
         noteReason();
         takeStacks(deadline_);
-        readProcesses(deadline_.before(kWritingTime + kNamingTime));
+        readProcesses(deadline_.before(kWritingTime + kEventTime));
         findHungThread();
-        readEvents(deadline_.before(kWritingTime + kNamingTime));
+        readEvents(deadline_.before(kWritingTime));
         writeTracks();
         writeProcessTree(body_, processes_, clocks_.monotonicNs);
         writeSystemFigures(body_, settings_.procFolder, attributes_, clocks_.monotonicNs);
