@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <random>
 
 #include "swivex/Attributes.h"
 #include "swivex/CommandLines.h"
 #include "swivex/EventCapture.h"
 #include "swivex/FileOutput.h"
+#include "swivex/Freezer.h"
 #include "swivex/PacketBuffer.h"
 #include "swivex/ProcessList.h"
 #include "swivex/ProcessPackets.h"
@@ -75,6 +77,7 @@ public:
         chooseWindow();
         noteReason();
         takeStacks(deadline_);
+        noteFreezer();
         readProcesses(deadline_.before(kWritingTime + kEventTime));
         findHungThread();
         readEvents(deadline_.before(kWritingTime));
@@ -121,8 +124,18 @@ private:
         } else if (capture.threadsLeftOut > 0) {
             attributes_.missing("stacks", std::to_string(capture.threadsLeftOut) + " more threads are left out");
         }
+        for (const ThreadStack& thread : capture.threads) {
+            if (thread.state != '?') stateAtCapture_.emplace(thread.tid, thread.state);
+        }
         if (!capture.kernelProblem.empty()) attributes_.missing("kernel_stacks", capture.kernelProblem);
         writeStacks(body_, capture, reason_.pid, readClocks().monotonicNs);
+    }
+
+    // Its threads sleep as any others do, and nothing but their group tells what for.
+    void noteFreezer() {
+        if (reason_.pid != 0 && isFrozen(settings_.procFolder, settings_.cgroupFolder, reason_.pid)) {
+            attributes_.set("hung_frozen", 1);
+        }
     }
 
     void readProcesses(const Deadline& deadline) {
@@ -169,13 +182,17 @@ private:
         if (!captured.inTime) attributes_.missing("budget", "the time for the recorder's events was up");
         attributes_.set("covered_begin_ns", static_cast<std::int64_t>(captured.coveredBeginNs));
         attributes_.set("covered_end_ns", static_cast<std::int64_t>(captured.coveredEndNs));
-        if (!captured.hungThreadSeen) noteStateNow();
+        if (!captured.hungThreadSeen) noteState();
     }
 
     // A thread without an event in the window is still what it was before: where the recorder does not reach back to
-    // that, the kernel says it.
-    void noteStateNow() {
+    // that, the kernel says it. What it said when the stacks were taken comes first: by now the hang may be over.
+    void noteState() {
         if (hungThread_ == 0 || attributes_.has("hung_left_state")) return;
+        if (const auto known = stateAtCapture_.find(hungThread_); known != stateAtCapture_.end()) {
+            attributes_.set("hung_left_state", std::string(1, known->second));
+            return;
+        }
         const std::string base = settings_.procFolder + "/" + std::to_string(reason_.pid) + "/task/";
         const auto text = readSmallFile(base + std::to_string(hungThread_) + "/stat");
         const auto stat = text ? parseStat(*text) : std::nullopt;
@@ -267,6 +284,7 @@ private:
 
     Window window_;
     Attributes attributes_;
+    std::map<pid_t, char> stateAtCapture_;
     ProcessList processes_;
     pid_t hungThread_ = 0;
     std::string hungName_;

@@ -118,6 +118,31 @@ TEST_F(DumpWithoutRecorder, ReasonThatIsNoUtf8IsMadeSo) {
     EXPECT_FALSE(file.attribute.contains("missing.reason"));
 }
 
+TEST_F(DumpWithoutRecorder, StateIsTheOneThatTheStacksWereTakenIn) {
+    ChildProcess child([] { pause(); });
+    const std::string process = "/" + std::to_string(child.pid());
+    while (quorvix::tests::readWholeFile("/proc" + process + "/stat").find(") S ") == std::string::npos) usleep(1000);
+    // Another folder, in which the thread has gone on since.
+    const TemporaryFolder proc;
+    settings.procFolder = proc.path();
+    std::filesystem::create_directories(proc.path() + process + "/task" + process);
+    const std::string id = std::to_string(child.pid());
+    const std::string stat = id + " (x) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0\n";
+    quorvix::tests::writeWholeFile(proc.path() + process + "/stat", stat);
+    quorvix::tests::writeWholeFile(proc.path() + process + "/task" + process + "/stat", stat);
+    const std::string reason = reasonOf(child.pid(), child.pid());
+    const DumpedFile file({.reason = reason, .minTicks = 1, .maxTicks = now}, settings);
+    ASSERT_TRUE(file.written);
+    EXPECT_EQ(file.attribute.at("hung_left_state"), "S");
+    EXPECT_FALSE(file.attribute.contains("hung_frozen"));
+
+    settings.cgroupFolder = proc.path();
+    quorvix::tests::writeWholeFile(proc.path() + process + "/cgroup", "0::/\n");
+    quorvix::tests::writeWholeFile(proc.path("cgroup.events"), "populated 1\nfrozen 1\n");
+    const DumpedFile frozen({.reason = reason, .minTicks = 1, .maxTicks = now}, settings);
+    EXPECT_EQ(frozen.attribute.at("hung_frozen"), "1");
+}
+
 TEST_F(DumpWithoutRecorder, ProcessThatIsGoneIsSaid) {
     ChildProcess child([] {});
     child.wait();
