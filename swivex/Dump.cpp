@@ -12,6 +12,7 @@
 #include "swivex/EventCapture.h"
 #include "swivex/FileOutput.h"
 #include "swivex/Freezer.h"
+#include "swivex/KernelModules.h"
 #include "swivex/PacketBuffer.h"
 #include "swivex/ProcessList.h"
 #include "swivex/ProcessPackets.h"
@@ -128,7 +129,9 @@ private:
             if (thread.state != '?') stateAtCapture_.emplace(thread.tid, thread.state);
         }
         if (!capture.kernelProblem.empty()) attributes_.missing("kernel_stacks", capture.kernelProblem);
-        writeStacks(body_, capture, reason_.pid, readClocks().monotonicNs);
+        const auto modules = readSmallFile(settings_.procFolder + "/modules");
+        writeStacks(body_, capture, modules ? KernelModules(*modules) : KernelModules(), reason_.pid,
+                    readClocks().monotonicNs);
     }
 
     // Its threads sleep as any others do, and nothing but their group tells what for.
