@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "report/TraceContents.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/swivex/DumpSupport.h"
 
@@ -58,6 +59,25 @@ TEST_F(DumpWithoutRecorder, EveryFieldIsOneOfTheFormat) {
     const std::string complaint = file.complaint();
     if (complaint == "skipped") GTEST_SKIP() << "protoc is not installed (protobuf-compiler)";
     EXPECT_EQ(complaint, "");
+}
+
+TEST_F(DumpWithoutRecorder, FileCutAtAnyByteIsKnownToBeIncomplete) {
+    // No process but the one whose stack is taken: a small file.
+    const TemporaryFolder proc;
+    settings.procFolder = proc.path();
+    const std::string reason = reasonOf(getpid(), getpid());
+    const DumpedFile file({.reason = reason, .minTicks = now - 24'000'000, .maxTicks = now}, settings);
+    ASSERT_TRUE(file.written);
+    ASSERT_LT(file.bytes.size(), 20'000U);
+    const auto whyIncomplete = [&](std::size_t length) {
+        quorvix::report::TraceContents contents;
+        const quorvix::report::Bytes bytes(reinterpret_cast<const std::uint8_t*>(file.bytes.data()), length);
+        contents.finish(
+            quorvix::report::scanPackets(bytes, [&](quorvix::report::Bytes packet) { contents.add(packet); }));
+        return contents.incomplete();
+    };
+    EXPECT_EQ(whyIncomplete(file.bytes.size()), "");
+    for (std::size_t length = 0; length < file.bytes.size(); ++length) EXPECT_NE(whyIncomplete(length), "") << length;
 }
 
 TEST_F(DumpWithoutRecorder, IntervalThatRunsBackwardsIsRefused) {
