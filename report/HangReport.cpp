@@ -138,7 +138,13 @@ private:
         }
     }
 
+    bool isFrozen() const { return contents_.number("hung_frozen").value_or(0) != 0; }
+
     void takeStack() {
+        // Known without the names of the kernel's functions, which the file does not have.
+        if (isFrozen()) {
+            report_.waitPlace = {.kind = WaitPlace::Kind::frozen, .text = "the freezer of its group", .function = {}};
+        }
         const auto& samples = contents_.samples();
         const auto sample = std::ranges::find(samples, report_.hung.tid, &StackSample::tid);
         if (report_.hung.tid == kNoThread || sample == samples.end()) {
@@ -154,7 +160,7 @@ private:
             if (!told.frame.isKernel()) break;
             kernelFunctions.push_back(told.symbol.empty() ? told.frame.name : told.symbol);
         }
-        report_.waitPlace = waitPlaceOf(kernelFunctions);
+        if (!isFrozen()) report_.waitPlace = waitPlaceOf(kernelFunctions);
     }
 
     void takeWaits() {

@@ -98,7 +98,7 @@ std::string reportJson(const HangReport& report) {
                            {"times", timesJson(report.timeline)}};
         if (!report.waitPlace.text.empty()) {
             json["verdict"]["waits_for"] = report.waitPlace.text;
-            json["verdict"]["waits_in"] = asUtf8(report.waitPlace.function);
+            if (!report.waitPlace.function.empty()) json["verdict"]["waits_in"] = asUtf8(report.waitPlace.function);
         }
 
         Json stack = Json::array();

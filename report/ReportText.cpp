@@ -142,8 +142,9 @@ std::vector<std::string> evidenceOf(const HangReport& report) {
     }
     if (waited && report.timeline.ongoing && report.timeline.ongoing->activity != Activity::runnable &&
         !report.waitPlace.text.empty()) {
-        lines.push_back("when the report was made it waited for " + std::string(report.waitPlace.text) + ", in " +
-                        escaped(report.waitPlace.function));
+        std::string line = "when the report was made it waited for " + std::string(report.waitPlace.text);
+        if (!report.waitPlace.function.empty()) line += ", in " + escaped(report.waitPlace.function);
+        lines.push_back(line);
     }
     if (waited && report.blocker && !report.verdict.isPolling) {
         const ToldWait& told = report.waits[*report.blocker];

@@ -20,7 +20,10 @@ namespace quorvix::report {
 
 namespace {
 
-constexpr std::string_view kKernelPrefix = "[kernel]+0x";
+constexpr std::string_view kKernel = "kernel";
+constexpr std::string_view kKernelOffset = "]+0x";
+// Each is a walk over the kernel's whole list.
+constexpr std::size_t kMostKernelParts = 16;
 
 std::optional<std::uint64_t> hexNumber(std::string_view text) {
     std::uint64_t value = 0;
@@ -87,6 +90,49 @@ bool isThisKernel(const TraceContents& contents) {
            contents.kernelVersion() == here.version;
 }
 
+template <class Visit>
+void forEachLine(std::string_view text, Visit&& visit) {
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        visit(line);
+    }
+}
+
+// "ffffffff81000000 T _stext"; a module's functions end in "\t[module]".
+template <class Visit>
+void forEachKernelFunction(std::string_view list, Visit&& visit) {
+    forEachLine(list, [&](std::string_view line) {
+        const std::size_t space = line.find(' ');
+        if (space == std::string_view::npos || space + 3 > line.size()) return;
+        const auto address = hexNumber(line.substr(0, space));
+        const char type = line[space + 1];
+        if (!address || *address == 0 || (type != 'T' && type != 't' && type != 'W' && type != 'w')) return;
+        std::string_view name = line.substr(space + 3);
+        std::string_view module;
+        if (const std::size_t tab = name.find('\t'); tab != std::string_view::npos) {
+            module = name.substr(tab + 1);
+            if (module.starts_with('[')) module.remove_prefix(1);
+            if (module.ends_with(']')) module.remove_suffix(1);
+            name = name.substr(0, tab);
+        }
+        visit(*address, name, module);
+    });
+}
+
+// 0: where they are counted from is not known.
+SymbolTable takenFrom(std::uint64_t start, std::vector<SymbolTable::Symbol> symbols) {
+    if (start == 0) return SymbolTable();
+    std::erase_if(symbols, [&](const auto& symbol) { return symbol.address < start; });
+    for (auto& symbol : symbols) symbol.address -= start;
+    return SymbolTable(std::move(symbols));
+}
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
 }  // namespace
 
 SymbolTable::SymbolTable(std::vector<Symbol> symbols) : symbols_(std::move(symbols)) {
@@ -127,25 +173,33 @@ SymbolTable readModuleSymbols(const std::string& path, const std::vector<std::ui
 SymbolTable parseKernelSymbols(std::string_view list) {
     std::vector<SymbolTable::Symbol> symbols;
     std::uint64_t textStart = 0;
-    while (!list.empty()) {
-        const std::string_view line = list.substr(0, list.find('\n'));
-        list.remove_prefix(std::min(line.size() + 1, list.size()));
-        // "ffffffff81000000 T _stext"; a module's symbols end in "\t[module]".
-        const std::size_t space = line.find(' ');
-        if (space == std::string_view::npos || space + 3 > line.size()) continue;
-        const auto address = hexNumber(line.substr(0, space));
-        const char type = line[space + 1];
-        if (!address || *address == 0 || (type != 'T' && type != 't' && type != 'W' && type != 'w')) continue;
-        const std::string_view name = line.substr(space + 3, line.find('\t') - (space + 3));
-        if (name == "_stext") textStart = *address;
+    forEachKernelFunction(list, [&](std::uint64_t address, std::string_view name, std::string_view module) {
+        if (!module.empty()) return;
+        if (name == "_stext") textStart = address;
         if (symbols.size() < Symboliser::kMostSymbols) {
-            symbols.push_back({.address = *address, .size = 0, .name = std::string(name)});
+            symbols.push_back({.address = address, .size = 0, .name = std::string(name)});
         }
-    }
-    if (textStart == 0) return SymbolTable();
-    std::erase_if(symbols, [&](const auto& symbol) { return symbol.address < textStart; });
-    for (auto& symbol : symbols) symbol.address -= textStart;
-    return SymbolTable(std::move(symbols));
+    });
+    return takenFrom(textStart, std::move(symbols));
+}
+
+SymbolTable parseKernelModule(std::string_view list, std::string_view modules, std::string_view name) {
+    // "fuse 212992 3 - Live 0xffffffffc0a00000"
+    std::uint64_t start = 0;
+    forEachLine(modules, [&](std::string_view line) {
+        constexpr std::string_view kAddress = " 0x";
+        const std::size_t at = line.find(kAddress);
+        if (line.substr(0, line.find(' ')) != name || at == std::string_view::npos) return;
+        const std::string_view digits = line.substr(at + kAddress.size());
+        start = hexNumber(digits.substr(0, digits.find(' '))).value_or(0);
+    });
+    std::vector<SymbolTable::Symbol> symbols;
+    forEachKernelFunction(list, [&](std::uint64_t address, std::string_view function, std::string_view module) {
+        if (module == name && symbols.size() < Symboliser::kMostSymbols) {
+            symbols.push_back({.address = address, .size = 0, .name = std::string(function)});
+        }
+    });
+    return takenFrom(start, std::move(symbols));
 }
 
 const SymbolTable& Symboliser::moduleTable(const Frame& frame) {
@@ -169,12 +223,13 @@ const SymbolTable& Symboliser::moduleTable(const Frame& frame) {
     return table;
 }
 
-const SymbolTable& Symboliser::kernelTable() {
-    if (!kernel_) {
-        std::ifstream file(places_.kernelSymbols, std::ios::binary);
-        kernel_ = parseKernelSymbols(std::string(std::istreambuf_iterator<char>(file), {}));
-    }
-    return *kernel_;
+const SymbolTable& Symboliser::kernelTable(const std::string& part) {
+    static const SymbolTable kNone;
+    if (const auto known = kernel_.find(part); known != kernel_.end()) return known->second;
+    if (kernel_.size() >= kMostKernelParts) return kNone;
+    const std::string list = contentOf(places_.kernelSymbols);
+    return kernel_[part] = part == kKernel ? parseKernelSymbols(list)
+                                           : parseKernelModule(list, contentOf(places_.kernelModules), part);
 }
 
 void Symboliser::name(const TraceContents& contents, std::vector<ToldFrame>& stack) {
@@ -182,9 +237,11 @@ void Symboliser::name(const TraceContents& contents, std::vector<ToldFrame>& sta
     for (ToldFrame& told : stack) {
         const Frame& frame = told.frame;
         if (frame.isKernel()) {
-            if (!frame.name.starts_with(kKernelPrefix) || !isThisKernel(contents)) continue;
-            const auto offset = hexNumber(std::string_view(frame.name).substr(kKernelPrefix.size()));
-            if (offset) told.symbol = kernelTable().at(*offset, false);
+            // "[kernel]+0x1234", "[fuse]+0x567"
+            const std::size_t end = frame.name.find(kKernelOffset);
+            if (!frame.name.starts_with('[') || end == std::string::npos || !isThisKernel(contents)) continue;
+            const auto offset = hexNumber(std::string_view(frame.name).substr(end + kKernelOffset.size()));
+            if (offset) told.symbol = kernelTable(frame.name.substr(1, end - 1)).at(*offset, false);
             continue;
         }
         const bool isReturnAddress = !std::exchange(isFirstOfProgram, false);

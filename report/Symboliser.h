@@ -45,6 +45,7 @@ public:
     struct Places {
         std::string debugFiles = "/usr/lib/debug/.build-id";
         std::string kernelSymbols = "/proc/kallsyms";
+        std::string kernelModules = "/proc/modules";
     };
     Symboliser() = default;
     explicit Symboliser(Places places) : places_(std::move(places)) {}
@@ -53,16 +54,19 @@ public:
 
 private:
     const SymbolTable& moduleTable(const Frame& frame);
-    const SymbolTable& kernelTable();
+    // Of the kernel itself ("kernel") or of one of its modules.
+    const SymbolTable& kernelTable(const std::string& part);
 
     Places places_;
     std::map<std::pair<std::string, std::vector<std::uint8_t>>, SymbolTable> modules_;
-    std::optional<SymbolTable> kernel_;
+    std::map<std::string, SymbolTable> kernel_;
 };
 
 // Functions of an ELF file; none unless it has that build id.
 SymbolTable readModuleSymbols(const std::string& path, const std::vector<std::uint8_t>& buildId);
-// The kernel's list, addresses taken from the start of its text. None where it shows no addresses.
+// The kernel's list without its modules, addresses taken from the start of its text. None where it shows no addresses.
 SymbolTable parseKernelSymbols(std::string_view list);
+// One module of the kernel's list, addresses taken from where the list of modules has it.
+SymbolTable parseKernelModule(std::string_view list, std::string_view modules, std::string_view name);
 
 }  // namespace quorvix::report

@@ -122,7 +122,7 @@ void BundleWriter::add(const Event& event) {
         case EventKind::other: addPlain(event); break;
     }
     ++events_;
-    if (++count_ == kMostEvents) flush();
+    if (++count_ == kMostEvents || plain_.size() >= kMostPlainBytes) flush();
 }
 
 void BundleWriter::lost() {

@@ -39,6 +39,8 @@ public:
 
 private:
     static constexpr std::size_t kMostEvents = 2000;
+    // Of events that stand by themselves: two thousand marker lines could be longer than readers take at once.
+    static constexpr std::size_t kMostPlainBytes = std::size_t{128} << 10;
 
     void addSwitch(const Event& event);
     void addWaking(const Event& event);

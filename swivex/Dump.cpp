@@ -4,12 +4,15 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <random>
 
 #include "swivex/Attributes.h"
 #include "swivex/CommandLines.h"
 #include "swivex/EventCapture.h"
 #include "swivex/FileOutput.h"
+#include "swivex/Freezer.h"
+#include "swivex/KernelModules.h"
 #include "swivex/PacketBuffer.h"
 #include "swivex/ProcessList.h"
 #include "swivex/ProcessPackets.h"
@@ -31,8 +34,8 @@ using std::chrono::milliseconds;
 constexpr std::uint64_t kDefaultWindowNs = 10'000'000'000;
 // Kept back for writing the file, whatever took long before.
 constexpr milliseconds kWritingTime{300};
-// Likewise for the names of processes, without which the events say little.
-constexpr milliseconds kNamingTime{500};
+// Likewise for the recorder's events, however many processes there are to be listed before.
+constexpr milliseconds kEventTime{500};
 
 // The stacks' share of what there is, and the most that they get.
 constexpr int kStackShare = 2;
@@ -75,9 +78,10 @@ public:
         chooseWindow();
         noteReason();
         takeStacks(deadline_);
-        readProcesses(deadline_.before(kWritingTime + kNamingTime));
+        noteFreezer();
+        readProcesses(deadline_.before(kWritingTime + kEventTime));
         findHungThread();
-        readEvents(deadline_.before(kWritingTime + kNamingTime));
+        readEvents(deadline_.before(kWritingTime));
         writeTracks();
         writeProcessTree(body_, processes_, clocks_.monotonicNs);
         writeSystemFigures(body_, settings_.procFolder, attributes_, clocks_.monotonicNs);
@@ -121,8 +125,20 @@ private:
         } else if (capture.threadsLeftOut > 0) {
             attributes_.missing("stacks", std::to_string(capture.threadsLeftOut) + " more threads are left out");
         }
+        for (const ThreadStack& thread : capture.threads) {
+            if (thread.state != '?') stateAtCapture_.emplace(thread.tid, thread.state);
+        }
         if (!capture.kernelProblem.empty()) attributes_.missing("kernel_stacks", capture.kernelProblem);
-        writeStacks(body_, capture, reason_.pid, readClocks().monotonicNs);
+        const auto modules = readSmallFile(settings_.procFolder + "/modules");
+        writeStacks(body_, capture, modules ? KernelModules(*modules) : KernelModules(), reason_.pid,
+                    readClocks().monotonicNs);
+    }
+
+    // Its threads sleep as any others do, and nothing but their group tells what for.
+    void noteFreezer() {
+        if (reason_.pid != 0 && isFrozen(settings_.procFolder, settings_.cgroupFolder, reason_.pid)) {
+            attributes_.set("hung_frozen", 1);
+        }
     }
 
     void readProcesses(const Deadline& deadline) {
@@ -169,13 +185,17 @@ private:
         if (!captured.inTime) attributes_.missing("budget", "the time for the recorder's events was up");
         attributes_.set("covered_begin_ns", static_cast<std::int64_t>(captured.coveredBeginNs));
         attributes_.set("covered_end_ns", static_cast<std::int64_t>(captured.coveredEndNs));
-        if (!captured.hungThreadSeen) noteStateNow();
+        if (!captured.hungThreadSeen) noteState();
     }
 
     // A thread without an event in the window is still what it was before: where the recorder does not reach back to
-    // that, the kernel says it.
-    void noteStateNow() {
+    // that, the kernel says it. What it said when the stacks were taken comes first: by now the hang may be over.
+    void noteState() {
         if (hungThread_ == 0 || attributes_.has("hung_left_state")) return;
+        if (const auto known = stateAtCapture_.find(hungThread_); known != stateAtCapture_.end()) {
+            attributes_.set("hung_left_state", std::string(1, known->second));
+            return;
+        }
         const std::string base = settings_.procFolder + "/" + std::to_string(reason_.pid) + "/task/";
         const auto text = readSmallFile(base + std::to_string(hungThread_) + "/stat");
         const auto stat = text ? parseStat(*text) : std::nullopt;
@@ -267,6 +287,7 @@ private:
 
     Window window_;
     Attributes attributes_;
+    std::map<pid_t, char> stateAtCapture_;
     ProcessList processes_;
     pid_t hungThread_ = 0;
     std::string hungName_;

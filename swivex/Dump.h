@@ -22,6 +22,7 @@ struct DumpSettings {
 
     TraceInstance recorder;
     std::string procFolder = "/proc";
+    std::string cgroupFolder = "/sys/fs/cgroup";
     std::chrono::milliseconds budget = kBudget;
 };
 

@@ -70,6 +70,7 @@ public:
           deadline_(deadline) {}
 
     Captured run() {
+        if (window_.beginNs > window_.dumpNs) return captured_;
         for (const unsigned cpu : ring_.cpus()) {
             if (deadline_.passed()) {
                 captured_.inTime = false;
@@ -122,6 +123,10 @@ private:
         }
         const bool whole = ring_.visit(window_.beginNs, window_.dumpNs, deadline_, [&](const Event& event) {
             if (isOf(event, request_.hungThread)) captured_.hungThreadSeen = true;
+            if (event.kind == EventKind::schedSwitch) newestSwitchNs_ = std::max(newestSwitchNs_, event.timeNs);
+            if (event.kind == EventKind::print && event.text.starts_with(kArmedMark)) {
+                markedNs_ = std::max(markedNs_, event.timeNs);
+            }
             writer.add(event);
         });
         captured_.inTime = captured_.inTime && whole;
@@ -173,9 +178,16 @@ private:
                 begin = std::max(begin, cpu.oldestNs);
             }
         }
-        if (!anything || begin >= window_.dumpNs) return;
-        captured_.coveredBeginNs = std::max(begin, window_.beginNs);
-        captured_.coveredEndNs = window_.dumpNs;
+        // Where it was armed again it had not recorded before, and does not tell since when.
+        begin = std::max({begin, markedNs_, window_.beginNs});
+        std::uint64_t end = window_.dumpNs;
+        if (std::string why = instance_.whyNotRecording(); !why.empty()) {
+            attributes_.missing("recorder", std::move(why));
+            end = newestSwitchNs_;
+        }
+        if (!anything || begin >= end) return;
+        captured_.coveredBeginNs = begin;
+        captured_.coveredEndNs = end;
     }
 
     void noteHungThread() {
@@ -200,6 +212,8 @@ private:
     Captured captured_;
     std::vector<Coverage> coverage_;
     std::uint64_t armedNs_ = kNever;
+    std::uint64_t markedNs_ = 0;        // the newest mark inside the window
+    std::uint64_t newestSwitchNs_ = 0;  // inside the window
     bool unreadable_ = false;
     ThreadMark hung_;
     std::uint64_t woken_ = 0;

@@ -131,6 +131,8 @@ Outcome<bool> FlightRecorder::disarm(double patienceSeconds) {
         if (errno != EBUSY || waited >= patienceSeconds) {
             const int error = errno;
             (void)!!writeSmallFile(instance_.file("tracing_on"), "1");
+            // What happened meanwhile is not in the ring: a dump tells by the mark.
+            markEveryCpu();
             return Problem{errorText(instance_.folder(), error)};
         }
         ::nanosleep(&pause, nullptr);

@@ -138,7 +138,11 @@ Outcome<RingHolding> MappedRing::load(unsigned cpu, std::uint64_t fromNs, const 
     pages_.clear();
     copies_.clear();
     copied_ = 0;
-    if (auto mapped = map(cpu); !mapped) return Problem{mapped.problem()};
+    if (auto mapped = map(cpu); !mapped) {
+        // A CPU that could be there and never came up has files and no ring.
+        if (instance_.count(cpu, "entries") == 0 && instance_.count(cpu, "overrun") == 0) return RingHolding{};
+        return Problem{mapped.problem()};
+    }
     listPages();
     RingHolding holding;
     if (pages_.empty()) return holding;

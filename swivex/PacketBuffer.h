@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "swivex/PacketWriter.h"
@@ -34,6 +35,7 @@ public:
     // One packet of a sequence, at a time in CLOCK_MONOTONIC ns. The body writes the packet's own fields.
     template <class Body>
     void packet(Sequence sequence, std::uint64_t flags, std::uint64_t timeNs, Body&& body) {
+        const std::size_t begin = writer_.size();
         writer_.message(packet::kPacket, [&] {
             writer_.number(packet::kTimestamp, timeNs);
             writer_.number(packet::kTimestampClock, packet::kMonotonicClock);
@@ -42,12 +44,12 @@ public:
             body(writer_);
         });
         ++count_;
-        if (form_ == Form::compressed && writer_.size() >= kPiece) compress();
+        if (form_ == Form::compressed && writer_.size() >= kPiece) compress(begin);
     }
 
     // Compresses what is left. To be called once, after the last packet.
     void finish() {
-        if (form_ == Form::compressed && writer_.size() > 0) compress();
+        if (form_ == Form::compressed && writer_.size() > 0) compress(0);
     }
     // Precondition: finished.
     const std::vector<std::uint8_t>& encoded() const { return form_ == Form::plain ? writer_.encoded() : compressed_; }
@@ -55,10 +57,15 @@ public:
     std::uint64_t count() const { return count_; }
 
 private:
-    // Packets are compressed by so much; readers refuse pieces of more than 512 KiB.
+    // Packets are compressed by so much.
     static constexpr std::size_t kPiece = std::size_t{256} << 10;
+    // Readers refuse pieces of 512 KB. So much fits however badly it compresses; a packet that is longer by itself is
+    // left as it is.
+    static constexpr std::size_t kLongestPiece = 500'000;
 
-    void compress();
+    // `last` is where the last packet begins.
+    void compress(std::size_t last);
+    void compressPiece(std::span<const std::uint8_t> packets);
 
     const Form form_;
     PacketWriter writer_;

@@ -48,8 +48,9 @@ private:
 
 class StackWriter {
 public:
-    StackWriter(PacketBuffer& file, const StackCapture& capture, pid_t pid, std::uint64_t timeNs)
-        : file_(file), capture_(capture), pid_(pid), timeNs_(timeNs) {}
+    StackWriter(PacketBuffer& file, const StackCapture& capture, const KernelModules& modules, pid_t pid,
+                std::uint64_t timeNs)
+        : file_(file), capture_(capture), modules_(modules), pid_(pid), timeNs_(timeNs) {}
 
     void run() {
         bool first = true;
@@ -126,11 +127,22 @@ private:
         return place->second;
     }
 
+    // Modules lie apart from the kernel, and where each of the two lies is a secret: the distance between them would
+    // tell.
+    std::string kernelPlace(std::uint64_t address) const {
+        constexpr std::uint64_t kLongestText = std::uint64_t{64} << 20;
+        if (const auto place = modules_.find(address)) {
+            return "[" + std::string(place->name) + "]+0x" + hex(place->offset);
+        }
+        const std::uint64_t start = capture_.kernelTextStart;
+        const bool isInText = start != 0 && address >= start && address - start < kLongestText;
+        return isInText ? "[kernel]+0x" + hex(address - start) : "[kernel]";
+    }
+
     std::uint64_t kernelFrame(PacketWriter& writer, const KernelFrame& frame) {
         std::string name = frame.symbol;
         if (name.empty()) {
-            const bool isKnown = capture_.kernelTextStart != 0 && frame.address >= capture_.kernelTextStart;
-            name = isKnown ? "[kernel]+0x" + hex(frame.address - capture_.kernelTextStart) : "[kernel]";
+            name = kernelPlace(frame.address);
         }
         return frameNumber(writer, name, 0, 0);
     }
@@ -163,6 +175,7 @@ private:
 
     PacketBuffer& file_;
     const StackCapture& capture_;
+    const KernelModules& modules_;
     const pid_t pid_;
     const std::uint64_t timeNs_;
     Words functions_{interned::kFunctionNames};
@@ -174,8 +187,9 @@ private:
 
 }  // namespace
 
-void writeStacks(PacketBuffer& file, const StackCapture& capture, pid_t pid, std::uint64_t timeNs) {
-    StackWriter(file, capture, pid, timeNs).run();
+void writeStacks(PacketBuffer& file, const StackCapture& capture, const KernelModules& modules, pid_t pid,
+                 std::uint64_t timeNs) {
+    StackWriter(file, capture, modules, pid, timeNs).run();
 }
 
 }  // namespace quorvix::swivex

@@ -54,6 +54,15 @@ Outcome<bool> TraceInstance::present() const {
     return Problem{"the recorder is off: there is no " + folder()};
 }
 
+std::string TraceInstance::whyNotRecording() const {
+    const auto isOff = [&](const char* path) {
+        const auto text = readSmallFile(file(path));
+        return text && text->starts_with('0');
+    };
+    if (isOff("tracing_on")) return "recording is switched off in " + file("tracing_on");
+    return isOff("events/sched/sched_switch/enable") ? "sched_switch is not recorded" : "";
+}
+
 std::vector<unsigned> TraceInstance::cpus() const {
     std::vector<unsigned> found;
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(file("per_cpu").c_str()), &::closedir);

@@ -21,7 +21,9 @@ struct TraceInstance {
 
     // Whether it is there, and in the kernel's own file system; else why not.
     Outcome<bool> present() const;
-    // The CPUs that it has a ring for, in order.
+    // Why it takes no events now, though it is there; empty when it does.
+    std::string whyNotRecording() const;
+    // The CPUs that it may have a ring for, in order; those that never came up have none.
     std::vector<unsigned> cpus() const;
     // A count of a CPU's `stats` file, such as "overrun"; 0 when it has none.
     std::uint64_t count(unsigned cpu, std::string_view key) const;

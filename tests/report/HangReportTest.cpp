@@ -79,6 +79,20 @@ TEST(HangReport, AThreadThatSleptThroughTheWholeHangIsBlockedAndItsStackSaysWher
     EXPECT_EQ(report.stack[1].frame.modulePath, "/lib/libc.so.6");
 }
 
+TEST(HangReport, AFrozenThreadIsStoppedWhateverItsStackSays) {
+    for (const bool isFrozen : {true, false}) {
+        TraceEncoder trace;
+        trace.text("hung_left_state", "S").number("hung_frozen", isFrozen ? 1 : 0);
+        trace.hang(kWindow.beginNs, kWindow.endNs, kHung, kHung).covered(500 * kMs, 2500 * kMs).attributes();
+        trace.stack(kHung, kHung, {{.name = "[kernel]+0x10", .isKernel = true}});
+        const HangReport report = read(trace);
+        EXPECT_EQ(report.verdict.cause, isFrozen ? Cause::stopped : Cause::blocked);
+        EXPECT_EQ(report.verdict.shares.stopped, isFrozen ? 1 : 0);
+        const std::string text = reportText(report);
+        EXPECT_EQ(text.find("waited for the freezer of its group\n") != std::string::npos, isFrozen) << text;
+    }
+}
+
 TEST(HangReport, BusyAndStarvedNameWhoElseRan) {
     TraceEncoder trace = hang();
     trace.events(0, {switched(1000 * kMs, 0, 0, kHung), switched(1300 * kMs, kHung, 0, kWorker),

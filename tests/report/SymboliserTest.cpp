@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <link.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,6 +16,16 @@
 
 namespace quorvix::report {
 namespace {
+
+// One field of a message, shorter than 16 KiB.
+std::string field(unsigned number, const std::string& content) {
+    std::string text;
+    for (const std::size_t value : {std::size_t{number} << 3 | 2, content.size()}) {
+        if (value >= 0x80) text += static_cast<char>(value | 0x80);
+        text += static_cast<char>(value >= 0x80 ? value >> 7 : value);
+    }
+    return text + content;
+}
 
 // A module of this process, as a report would describe it.
 struct LoadedModule {
@@ -52,7 +63,8 @@ protected:
     std::uint64_t relative() const { return reinterpret_cast<std::uintptr_t>(address_) - module_.base; }
     std::string named(const Frame& frame) {
         std::vector<ToldFrame> stack = {{.frame = frame, .symbol = {}}};
-        Symboliser({.debugFiles = "/nonexistent", .kernelSymbols = "/nonexistent"}).name(contents_, stack);
+        Symboliser({.debugFiles = "/nonexistent", .kernelSymbols = "/nonexistent", .kernelModules = "/nonexistent"})
+            .name(contents_, stack);
         return stack[0].symbol;
     }
     Frame frame() const {
@@ -130,7 +142,48 @@ TEST(KernelSymbols, AddressesCountFromTheStartOfTheText) {
         "ffffffff81000200 T schedule\nffffffffc0000000 t helper\t[module]\n");
     EXPECT_EQ(table.at(0x120, false), "futex_wait+0x20");
     EXPECT_EQ(table.at(0x200, false), "schedule+0x0");
-    EXPECT_EQ(table.at(0x3f000000, false), "helper+0x0");
+}
+
+TEST(KernelSymbols, AModulesAddressesCountFromItsOwnStart) {
+    const std::string list =
+        "ffffffff81000000 T _stext\nffffffffc0000010 t helper\t[other]\nffffffffc0a00040 t "
+        "request_wait_answer\t[fuse]\n"
+        "ffffffffc0a00080 t fuse_read\t[fuse]\n";
+    const std::string modules = "other 8192 0 - Live 0xffffffffc0000000\nfuse 8192 3 - Live 0xffffffffc0a00000 (E)\n";
+    const SymbolTable table = parseKernelModule(list, modules, "fuse");
+    EXPECT_EQ(table.at(0x41, false), "request_wait_answer+0x1");
+    EXPECT_EQ(table.at(0x90, false), "fuse_read+0x10");
+    EXPECT_EQ(table.at(0x3f, false), "");
+    EXPECT_EQ(parseKernelModule(list, modules, "other").at(0x10, false), "helper+0x0");
+    EXPECT_TRUE(parseKernelModule(list, modules, "absent").empty());
+    EXPECT_TRUE(parseKernelModule(list, "fuse 8192 3 - Live 0x0000000000000000\n", "fuse").empty());
+    EXPECT_TRUE(parseKernelModule(list, "", "fuse").empty());
+    EXPECT_EQ(parseKernelSymbols(list).at(0x3f000000, false), "_stext+0x3f000000") << "a module is not the kernel";
+}
+
+TEST_F(SymboliserTest, NamesFramesOfTheKernelAndOfItsModules) {
+    utsname here{};
+    ASSERT_EQ(uname(&here), 0);
+    const std::string packet = field(45, field(1, field(2, here.version) + field(3, here.release)));
+    TraceContents contents;
+    contents.add({reinterpret_cast<const std::uint8_t*>(packet.data()), packet.size()});
+
+    const tests::TemporaryFolder folder;
+    tests::writeWholeFile(
+        folder.path("kallsyms"),
+        "ffffffff81000000 T _stext\nffffffff81000100 t futex_wait\nffffffffc0a00040 t fuse_read\t[fuse]\n");
+    tests::writeWholeFile(folder.path("modules"), "fuse 8192 3 - Live 0xffffffffc0a00000\n");
+    std::vector<ToldFrame> stack;
+    for (const char* const name : {"[kernel]+0x108", "[fuse]+0x48", "[absent]+0x48", "[kernel]", "schedule+0x1/0x2"}) {
+        stack.push_back({.frame = {.name = name, .modulePath = {}, .buildId = {}, .relativePc = 0}, .symbol = {}});
+    }
+    Symboliser({.debugFiles = "/nonexistent",
+                .kernelSymbols = folder.path("kallsyms"),
+                .kernelModules = folder.path("modules")})
+        .name(contents, stack);
+    std::vector<std::string> symbols;
+    for (const ToldFrame& told : stack) symbols.push_back(told.symbol);
+    EXPECT_EQ(symbols, (std::vector<std::string>{"futex_wait+0x8", "fuse_read+0x8", "", "", ""}));
 }
 
 TEST(KernelSymbols, AListThatHidesItsAddressesNamesNothing) {

@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "report/TraceContents.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/swivex/DumpSupport.h"
 
@@ -58,6 +59,25 @@ TEST_F(DumpWithoutRecorder, EveryFieldIsOneOfTheFormat) {
     const std::string complaint = file.complaint();
     if (complaint == "skipped") GTEST_SKIP() << "protoc is not installed (protobuf-compiler)";
     EXPECT_EQ(complaint, "");
+}
+
+TEST_F(DumpWithoutRecorder, FileCutAtAnyByteIsKnownToBeIncomplete) {
+    // No process but the one whose stack is taken: a small file.
+    const TemporaryFolder proc;
+    settings.procFolder = proc.path();
+    const std::string reason = reasonOf(getpid(), getpid());
+    const DumpedFile file({.reason = reason, .minTicks = now - 24'000'000, .maxTicks = now}, settings);
+    ASSERT_TRUE(file.written);
+    ASSERT_LT(file.bytes.size(), 20'000U);
+    const auto whyIncomplete = [&](std::size_t length) {
+        quorvix::report::TraceContents contents;
+        const quorvix::report::Bytes bytes(reinterpret_cast<const std::uint8_t*>(file.bytes.data()), length);
+        contents.finish(
+            quorvix::report::scanPackets(bytes, [&](quorvix::report::Bytes packet) { contents.add(packet); }));
+        return contents.incomplete();
+    };
+    EXPECT_EQ(whyIncomplete(file.bytes.size()), "");
+    for (std::size_t length = 0; length < file.bytes.size(); ++length) EXPECT_NE(whyIncomplete(length), "") << length;
 }
 
 TEST_F(DumpWithoutRecorder, IntervalThatRunsBackwardsIsRefused) {
@@ -116,6 +136,31 @@ TEST_F(DumpWithoutRecorder, ReasonThatIsNoUtf8IsMadeSo) {
     ASSERT_TRUE(file.written);
     EXPECT_EQ(file.attribute.at("reason"), "{\"PID\":1,\"Reason\":\"a\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbdz\"}");
     EXPECT_FALSE(file.attribute.contains("missing.reason"));
+}
+
+TEST_F(DumpWithoutRecorder, StateIsTheOneThatTheStacksWereTakenIn) {
+    ChildProcess child([] { pause(); });
+    const std::string process = "/" + std::to_string(child.pid());
+    while (quorvix::tests::readWholeFile("/proc" + process + "/stat").find(") S ") == std::string::npos) usleep(1000);
+    // Another folder, in which the thread has gone on since.
+    const TemporaryFolder proc;
+    settings.procFolder = proc.path();
+    std::filesystem::create_directories(proc.path() + process + "/task" + process);
+    const std::string id = std::to_string(child.pid());
+    const std::string stat = id + " (x) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0\n";
+    quorvix::tests::writeWholeFile(proc.path() + process + "/stat", stat);
+    quorvix::tests::writeWholeFile(proc.path() + process + "/task" + process + "/stat", stat);
+    const std::string reason = reasonOf(child.pid(), child.pid());
+    const DumpedFile file({.reason = reason, .minTicks = 1, .maxTicks = now}, settings);
+    ASSERT_TRUE(file.written);
+    EXPECT_EQ(file.attribute.at("hung_left_state"), "S");
+    EXPECT_FALSE(file.attribute.contains("hung_frozen"));
+
+    settings.cgroupFolder = proc.path();
+    quorvix::tests::writeWholeFile(proc.path() + process + "/cgroup", "0::/\n");
+    quorvix::tests::writeWholeFile(proc.path("cgroup.events"), "populated 1\nfrozen 1\n");
+    const DumpedFile frozen({.reason = reason, .minTicks = 1, .maxTicks = now}, settings);
+    EXPECT_EQ(frozen.attribute.at("hung_frozen"), "1");
 }
 
 TEST_F(DumpWithoutRecorder, ProcessThatIsGoneIsSaid) {

@@ -231,6 +231,46 @@ TEST_F(EventCapture, CpuWithoutEventsIsCoveredSinceTheArming) {
     EXPECT_FALSE(attribute.contains("lost.cpu0")) << "nothing was overwritten";
 }
 
+TEST_F(EventCapture, MarkInsideTheWindowIsWhereTheRecorderBegan) {
+    Event mark;
+    mark.timeNs = 1500;
+    mark.kind = EventKind::print;
+    mark.text = "recorder armed\n";
+    ring.held[0].events = {switchAt(400, kApp, kSleeping, kOther), mark, switchAt(1600, kOther, kSleeping, kIdle)};
+    capture();
+    EXPECT_EQ(captured.coveredBeginNs, 1500U) << "it was off until then";
+    EXPECT_EQ(captured.coveredEndNs, 2500U);
+    ring.held[0].events[1].timeNs = 999;
+    capture();
+    EXPECT_EQ(captured.coveredBeginNs, 1000U);
+}
+
+TEST_F(EventCapture, RecorderThatTakesNothingCoversUpToItsLastSwitch) {
+    ring.held[0].events = {switchAt(400, kApp, kSleeping, kOther), switchAt(1600, kOther, kSleeping, kIdle)};
+    overrun(0, 0);
+    quorvix::tests::writeWholeFile(folder.path("instances/swivex/tracing_on"), "0\n");
+    capture();
+    EXPECT_EQ(captured.coveredBeginNs, 1000U);
+    EXPECT_EQ(captured.coveredEndNs, 1600U);
+    EXPECT_NE(attribute["missing.recorder"], "");
+    ring.held[0].events.pop_back();
+    capture();
+    EXPECT_EQ(captured.coveredBeginNs, 0U);
+    EXPECT_EQ(captured.coveredEndNs, 0U);
+    quorvix::tests::writeWholeFile(folder.path("instances/swivex/tracing_on"), "1\n");
+    capture();
+    EXPECT_EQ(captured.coveredEndNs, 2500U);
+}
+
+TEST_F(EventCapture, WindowInTheFutureHasNoEventsAndNoCoverage) {
+    ring.held[0].events = {switchAt(400, kApp, kSleeping, kOther), switchAt(1600, kOther, kSleeping, kIdle)};
+    window = {2501, 3000, 2500};
+    capture();
+    EXPECT_TRUE(packets.empty());
+    EXPECT_EQ(captured.coveredBeginNs, 0U);
+    EXPECT_EQ(captured.coveredEndNs, 0U);
+}
+
 TEST_F(EventCapture, PieceOverwrittenWhileItWasReadIsALoss) {
     ring.held[0].events = {switchAt(400, kApp, kSleeping, kOther)};
     ring.held[0].lostWhileRead = 1;
@@ -284,6 +324,25 @@ TEST_F(EventCapture, BundlesHoldTwoThousandEventsAndStandByThemselves) {
     ASSERT_EQ(seen.size(), 4001U);
     EXPECT_EQ(seen[4000].timeNs, 41000U);
     EXPECT_EQ(seen[3999].prevPid, kOther);
+}
+
+TEST_F(EventCapture, BundlesOfLongLinesAreShorter) {
+    window = {1000, 90000, 90000};
+    const std::string line(3000, 'x');
+    for (std::uint64_t index = 0; index < 1000; ++index) {
+        Event event;
+        event.timeNs = 1000 + index;
+        event.kind = EventKind::print;
+        event.text = line;
+        ring.held[0].events.push_back(event);
+    }
+    capture();
+    std::size_t events = 0;
+    for (const Message& packet : packets) {
+        EXPECT_LT(packet.text(1).size(), 200'000U);
+        events += packet.message(1).messages(2).size();
+    }
+    EXPECT_EQ(events, 1000U);
 }
 
 TEST(StateLetter, IsThatOfProcfs) {

@@ -181,12 +181,20 @@ TEST(StackPackets, FramesAreNamedByModuleAndDistanceOutermostFirst) {
     ThreadStack thread;
     thread.tid = 12;
     thread.user = {{0x7010, 0}, {0x8020, 0}, {0x55, -1}};
-    thread.kernel = {{0xffffffff81000abc, ""}, {0xffffffff81000def, "schedule+0x1/0x2"}, {0xfff, ""}};
+    const KernelModules modules("ext4 4096 1 - Live 0xffffffffc0100000\nfuse 8192 3 - Live 0xffffffffc0a00000 (E)\n");
+    // The first after the longest text, and one past a module's end, are in nothing that is known.
+    thread.kernel = {{0xffffffff81000abc, ""},
+                     {0xffffffff81000def, "schedule+0x1/0x2"},
+                     {0xfff, ""},
+                     {0xffffffffc0a01fff, ""},
+                     {0xffffffffc0a02000, ""},
+                     {0xffffffff85000000, ""},
+                     {0xffffffff84ffffff, ""}};
     capture.threads = {thread, thread};
     capture.threads[1].tid = 13;
     capture.threads[1].problem = "it was gone";
     PacketBuffer file(PacketBuffer::Form::plain);
-    writeStacks(file, capture, 10, 5);
+    writeStacks(file, capture, modules, 10, 5);
     const auto packets = packetsOf({reinterpret_cast<const char*>(file.encoded().data()), file.encoded().size()});
     ASSERT_EQ(packets.size(), 2U);
     const Message data = packets[0].message(12);
@@ -195,13 +203,21 @@ TEST(StackPackets, FramesAreNamedByModuleAndDistanceOutermostFirst) {
     for (const Message& one : data.messages(6)) frames[one.number(1)] = functions.at(one.number(2));
     std::vector<std::string> names;
     for (const Message::Field& frame : data.message(7).all(2)) names.push_back(frames.at(frame.value));
-    EXPECT_EQ(names, (std::vector<std::string>{"0x55", "libx.so+0x2020", "libx.so+0x1010", "[kernel]",
-                                               "schedule+0x1/0x2", "[kernel]+0xabc"}));
+    EXPECT_EQ(names, (std::vector<std::string>{"0x55", "libx.so+0x2020", "libx.so+0x1010", "[kernel]+0x3ffffff",
+                                               "[kernel]", "[kernel]", "[fuse]+0x1fff", "[kernel]", "schedule+0x1/0x2",
+                                               "[kernel]+0xabc"}));
     EXPECT_EQ(data.message(16).text(2), std::string("\x01\xff\0", 3));
     EXPECT_EQ(data.messages(17).size(), 3U) << "the parts of the path";
-    EXPECT_EQ(data.messages(6)[3].number(4), 0x1010U) << "the address inside the file";
+    EXPECT_EQ(data.messages(6)[5].number(4), 0x1010U) << "the address inside the file";
     EXPECT_EQ(packets[1].message(135).text(7), "it was gone");
     EXPECT_EQ(packets[1].message(135).number(6), packets[0].message(135).number(6)) << "the same stack is written once";
+}
+
+TEST(KernelModules, WithoutAddressesAreNone) {
+    const KernelModules modules("fuse 8192 3 - Live 0x0000000000000000\nnonsense\n\nx 1 2 - Live\n");
+    EXPECT_FALSE(modules.find(0));
+    EXPECT_FALSE(modules.find(100));
+    EXPECT_FALSE(KernelModules().find(1));
 }
 
 TEST(Utf8, OnlyWhatIsInvalidIsReplaced) {

@@ -293,6 +293,60 @@ TEST_F(Recorder, TextSaysTheSameAsTheMappedRing) {
     }
 }
 
+TEST_F(Recorder, CpuThatNeverCameUpHoldsNothingAndIsNoProblem) {
+    arm();
+    auto mapped = MappedRing::open(instance);
+    if (!mapped) GTEST_SKIP() << mapped.problem();
+    const auto holding = (*mapped)->load(4095, 0, Deadline::in(std::chrono::seconds(60)));
+    ASSERT_TRUE(holding) << holding.problem();
+    EXPECT_TRUE(holding->empty);
+    EXPECT_TRUE((*mapped)->visit(0, UINT64_MAX, Deadline::in(std::chrono::seconds(60)), [](const Event&) { FAIL(); }));
+}
+
+TEST_F(Recorder, RecordingThatWasSwitchedOffCoversNothingSince) {
+    arm();
+    const std::uint64_t begin = quorvix_ticks_now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_TRUE(writeSmallFile(instance.file("tracing_on"), "0"));
+    const std::uint64_t off = quorvix_ticks_now();
+    const DumpedFile file = dumped(begin, quorvix_ticks_now(), getpid());
+    ASSERT_TRUE(file.written);
+    EXPECT_NE(file.attribute.at("missing.recorder"), "");
+    EXPECT_LE(std::stoull(file.attribute.at("covered_end_ns")), nsOf(off));
+    const DumpedFile later = dumped(off + 1, quorvix_ticks_now(), getpid());
+    EXPECT_EQ(later.attribute.at("covered_begin_ns"), "0");
+    EXPECT_EQ(later.attribute.at("covered_end_ns"), "0");
+
+    ASSERT_TRUE(FlightRecorder(instance).arm({2048}));
+    const std::uint64_t again = quorvix_ticks_now();
+    const DumpedFile over = dumped(begin, quorvix_ticks_now(), getpid());
+    EXPECT_FALSE(over.attribute.contains("missing.recorder"));
+    EXPECT_GT(std::stoull(over.attribute.at("covered_begin_ns")), nsOf(off)) << "it was off before";
+    EXPECT_LE(std::stoull(over.attribute.at("covered_begin_ns")), nsOf(again));
+}
+
+TEST_F(Recorder, OffThatFailsLeavesAMarkWhereItDidNotRecord) {
+    arm();
+    const int held = open(instance.file("trace_marker").c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(held, 0);
+    const std::uint64_t before = quorvix_ticks_now();
+    EXPECT_FALSE(FlightRecorder(instance).disarm(0));
+    close(held);
+    const DumpedFile file = dumped(before, quorvix_ticks_now(), getpid());
+    EXPECT_GT(std::stoull(file.attribute.at("covered_begin_ns")), nsOf(before));
+}
+
+TEST_F(Recorder, SlowListOfProcessesLeavesTimeForTheEvents) {
+    arm(64);
+    const std::uint64_t begin = quorvix_ticks_now();
+    // What is kept back for the events and the file is all there is: no time at all for the processes.
+    const DumpedFile file({.reason = std::nullopt, .names = false, .minTicks = begin, .maxTicks = begin + 1},
+                          DumpSettings{.recorder = instance, .budget = std::chrono::milliseconds(800)});
+    ASSERT_TRUE(file.written);
+    EXPECT_NE(file.attribute.at("missing.process_tree"), "");
+    EXPECT_FALSE(file.attribute.contains("missing.budget"));
+}
+
 TEST_F(Recorder, DumpLetsGoOfTheRings) {
     arm();
     const int before = quorvix::tests::openDescriptors();
