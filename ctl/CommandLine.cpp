@@ -261,8 +261,9 @@ private:
         exported->add_option("--format", formatName_, "text or json")
             ->check(CLI::IsMember({"text", "json"}))
             ->capture_default_str();
+        addJsonFlag(exported);
         exported->callback([this] {
-            asJson_ = formatName_ == "json";
+            asJson_ = asJson_ || formatName_ == "json";
             action_ = [this] {
                 return report_.show(value_, folder_, {.format = reportFormat(), .symbols = !withoutSymbols_});
             };
