@@ -11,7 +11,7 @@ namespace quorvix {
 namespace {
 
 void expectSeedsHold(const std::string& corpus, bool (*entry)(std::string_view), int least) {
-    const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/corpus" / corpus;
+    const auto folder = std::filesystem::path(QUORVIX_SOURCE_FOLDER) / "fuzz/corpus" / corpus;
     int seeds = 0;
     for (const auto& seed : std::filesystem::directory_iterator(folder)) {
         const bool bad = seed.path().filename().string().starts_with("bad-");

@@ -14,7 +14,7 @@ bool decodes(const std::string& bytes) {
 }
 
 TEST(MessageCodecFuzzTest, EverySeedKeepsTheRulesAndDecodesUnlessItIsNamedBad) {
-    const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/corpus/message-codec";
+    const auto folder = std::filesystem::path(QUORVIX_SOURCE_FOLDER) / "fuzz/corpus/message-codec";
     int seeds = 0;
     for (const auto& seed : std::filesystem::directory_iterator(folder)) {
         const bool bad = seed.path().filename().string().starts_with("bad-");

@@ -225,7 +225,7 @@ TEST(PropertyListFile, OnlyADictionaryIsADictionary) {
 }
 
 TEST(PropertyListFile, EveryCorpusFileHoldsTheRoundTrip) {
-    const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/corpus/property-list";
+    const auto folder = std::filesystem::path(QUORVIX_SOURCE_FOLDER) / "fuzz/corpus/property-list";
     int files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         std::ifstream file(entry.path(), std::ios::binary);

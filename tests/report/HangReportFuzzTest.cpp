@@ -9,7 +9,7 @@ namespace quorvix {
 namespace {
 
 TEST(HangReportFuzzTest, EverySeedIsAHangReportUnlessItIsNamedBad) {
-    const auto folder = std::filesystem::path(__FILE__).parent_path() / "../../fuzz/corpus/hang-report";
+    const auto folder = std::filesystem::path(QUORVIX_SOURCE_FOLDER) / "fuzz/corpus/hang-report";
     int seeds = 0;
     for (const auto& seed : std::filesystem::directory_iterator(folder)) {
         const bool bad = seed.path().filename().string().starts_with("bad-");
