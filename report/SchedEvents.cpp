@@ -12,6 +12,7 @@ using Kind = ProtoField::Kind;
 // Fields of the bundle.
 constexpr std::uint32_t kCpu = 1;
 constexpr std::uint32_t kEvent = 2;
+constexpr std::uint32_t kLost = 3;
 constexpr std::uint32_t kCompact = 4;
 // Fields of one event.
 constexpr std::uint32_t kEventTime = 1;
@@ -28,9 +29,12 @@ constexpr std::uint32_t kSwitchName = 6;
 constexpr std::uint32_t kNames = 5;
 constexpr std::uint32_t kWakingTime = 7;
 constexpr std::uint32_t kWakingPid = 8;
+constexpr std::uint32_t kWakingTarget = 9;
 constexpr std::uint32_t kWakingFlags = 12;
 // The kernel's marks of an event: it was recorded while an interrupt was served, hard or soft.
 constexpr std::uint64_t kInterruptFlags = 0x08 | 0x10;
+
+constexpr std::int32_t kIdleThread = 0;
 
 // The state of a thread that left the CPU: its bits, and the mark of being pushed out (above them) taken off.
 std::uint32_t stateOf(const ProtoField& field) { return static_cast<std::uint32_t>(field.value) & thread_state::kAll; }
@@ -58,6 +62,7 @@ bool SchedDecoder::takeEvent(Bytes message) {
             if (event.kind == SchedEvent::Kind::woken) {
                 if (part.number == 2) event.next = part.asId();
                 if (part.number == 1) event.nextName = part.text();
+                if (part.number == 5) event.targetCpu = part.asId();
                 continue;
             }
             switch (part.number) {
@@ -135,6 +140,7 @@ bool SchedDecoder::takeCompact(Bytes message) {
         event.timeNs = time;
         event.next = static_cast<std::int32_t>(at(kWakingPid, index));
         event.byInterrupt = (at(kWakingFlags, index) & kInterruptFlags) != 0;
+        if (index < lists_[kWakingTarget].size()) event.targetCpu = static_cast<std::int32_t>(at(kWakingTarget, index));
         event.nextName = nameAt(11, index);
         events_.push_back(event);
     }
@@ -147,11 +153,14 @@ bool SchedDecoder::decode(Bytes bundle, const Visitor& visit) {
     bool whole = true;
     // The names of compact events live in the lists of one message; two in a bundle would share them.
     bool hasCompact = false;
+    bool hasLost = false;
     ProtoFields fields(bundle);
     ProtoField field;
     while (whole && fields.next(field)) {
         if (field.number == kCpu && field.kind == Kind::varint) {
             cpu = static_cast<std::uint32_t>(std::min<std::uint64_t>(field.value, kMostCpus));
+        } else if (field.kind == Kind::varint && field.number == kLost) {
+            hasLost = field.value != 0;
         } else if (field.kind == Kind::bytes && field.number == kEvent) {
             whole = takeEvent(field.bytes);
         } else if (field.kind == Kind::bytes && field.number == kCompact) {
@@ -166,12 +175,15 @@ bool SchedDecoder::decode(Bytes bundle, const Visitor& visit) {
 
     std::ranges::stable_sort(events_, {}, &SchedEvent::timeNs);
     CpuState& state = cpus_[cpu];
+    if (hasLost) state.running = kNoThread;
     for (SchedEvent& event : events_) {
         event.cpu = cpu;
         // Who comes is all that a compact event says; who left is who came before.
         if (event.previous == kNoThread) event.previous = state.running;
         if (event.kind == SchedEvent::Kind::switched) {
+            if (state.running == kIdleThread && event.previous != kIdleThread) event.idleSinceNs = state.sinceNs;
             state.running = event.next;
+            state.sinceNs = event.timeNs;
             if (!state.hasSwitched) {
                 state.hasSwitched = true;
                 const auto clamped = clamped_.find(cpu);

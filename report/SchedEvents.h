@@ -35,7 +35,11 @@ struct SchedEvent {
     std::int32_t previous = kNoThread;  // switched: who left the CPU; woken: who was on it. kNoThread: not known
     std::int32_t next = kNoThread;      // switched: who came; woken: whom it woke
     std::uint32_t previousState = 0;    // switched: in which state it left
-    std::string_view nextName;          // lives as long as the bundle
+    // switched: the CPU was idle by all that was recorded, since then, and yet `previous` was on it. Some kernels
+    // record no switch of a CPU that leaves idling. 0: not so.
+    std::uint64_t idleSinceNs = 0;
+    std::int32_t targetCpu = kNoThread;  // woken: the CPU in whose line it is put
+    std::string_view nextName;           // lives as long as the bundle
 };
 
 // Reads the scheduling events out of one bundle after the other, plain and compact ones, and gives them in the order of
@@ -59,6 +63,7 @@ public:
 private:
     struct CpuState {
         std::int32_t running = kNoThread;
+        std::uint64_t sinceNs = 0;
         bool hasSwitched = false;
     };
 

@@ -7,6 +7,8 @@ namespace quorvix::report {
 
 namespace {
 
+constexpr std::int32_t kIdleThread = 0;
+
 bool isSleep(Activity activity) {
     return activity == Activity::sleeping || activity == Activity::uninterruptible || activity == Activity::stopped;
 }
@@ -52,7 +54,10 @@ class TimelineWalk {
 public:
     using Event = ThreadTimelineBuilder::Event;
 
-    TimelineWalk(const Interval& window, const Interval& covered) : known_(window.common(covered)), covered_(covered) {
+    using LastSwitches = std::map<std::uint32_t, ThreadTimelineBuilder::LastSwitch>;
+
+    TimelineWalk(const Interval& window, const Interval& covered, const LastSwitches& lastSwitches)
+        : known_(window.common(covered)), covered_(covered), lastSwitches_(lastSwitches) {
         timeline_.window = window;
     }
 
@@ -66,6 +71,7 @@ public:
                 case Event::Kind::came: enter(Activity::running, event.timeNs, true, std::nullopt); break;
             }
         }
+        cameToIdleCpu();
         // What it was doing last, it does for as long as anything is known.
         enter(Activity::unknown, std::max(since_, covered_.endNs), false, std::nullopt);
         keepLongest(timeline_.longestWaits, ThreadTimelineBuilder::kMostWaits);
@@ -94,7 +100,22 @@ private:
         return Activity::unknown;
     }
 
+    // Some kernels record no switch of a CPU that leaves idling: a thread that leaves an idle CPU had come to it.
+    void cameUnseen(std::uint64_t idleSinceNs) {
+        if (since_ < idleSinceNs) enter(Activity::runnable, idleSinceNs, true, std::nullopt);
+        activity_ = Activity::running;
+    }
+
+    // The same at the end: woken for a CPU that was idle then and never switched again.
+    void cameToIdleCpu() {
+        if (activity_ != Activity::runnable || wokenForCpu_ == kNoThread) return;
+        const auto cpu = lastSwitches_.find(static_cast<std::uint32_t>(wokenForCpu_));
+        if (cpu == lastSwitches_.end() || cpu->second.next != kIdleThread || cpu->second.timeNs > since_) return;
+        activity_ = Activity::running;
+    }
+
     void left(const Event& event, const Event* following) {
+        if (activity_ == Activity::runnable && event.idleSinceNs != 0) cameUnseen(event.idleSinceNs);
         const Activity next = activityOfState(event.state);
         // Woken between deciding to sleep and leaving the CPU: such a thread comes back without a further wake-up.
         if (isSleep(next) && wokenWhileRunning_ && following != nullptr && following->kind == Event::Kind::came) {
@@ -110,6 +131,7 @@ private:
         } else if (activity_ != Activity::runnable && activity_ != Activity::gone) {
             enter(Activity::runnable, event.timeNs, true,
                   Waker{.tid = event.waker, .byInterrupt = event.byInterrupt, .cpu = event.cpu});
+            wokenForCpu_ = event.targetCpu;
         }
     }
 
@@ -128,6 +150,7 @@ private:
         activity_ = next;
         since_ = nowNs;
         wokenWhileRunning_ = false;
+        wokenForCpu_ = kNoThread;
     }
 
     void note(const Wait& wait) {
@@ -152,6 +175,8 @@ private:
     Activity activity_ = Activity::unknown;
     std::uint64_t since_ = 0;
     bool wokenWhileRunning_ = false;
+    std::int32_t wokenForCpu_ = kNoThread;  // while it is runnable by a wake-up
+    const LastSwitches& lastSwitches_;
 };
 
 void ThreadTimelineBuilder::push(const Event& event) {
@@ -169,15 +194,20 @@ void ThreadTimelineBuilder::add(const SchedEvent& event) {
         mine.kind = Event::Kind::woken;
         mine.waker = event.previous;
         mine.byInterrupt = event.byInterrupt;
+        mine.targetCpu = event.targetCpu;
         push(mine);
         return;
     }
+    ThreadTimelineBuilder::LastSwitch& last = lastSwitches_[event.cpu];
+    if (event.timeNs >= last.timeNs) last = {.timeNs = event.timeNs, .next = event.next};
     if (event.previous == tid_) {
+        mine.idleSinceNs = event.idleSinceNs;
         mine.kind = Event::Kind::left;
         mine.state = static_cast<std::uint8_t>(event.previousState);
         push(mine);
     }
     if (event.next == tid_) {
+        mine.idleSinceNs = 0;
         mine.kind = Event::Kind::came;
         push(mine);
     }
@@ -201,7 +231,7 @@ ThreadTimeline ThreadTimelineBuilder::finish(const Interval& window, const Inter
     std::ranges::stable_sort(events_, [](const Event& one, const Event& other) {
         return one.timeNs != other.timeNs ? one.timeNs < other.timeNs : one.kind < other.kind;
     });
-    return TimelineWalk(window, covered).run(events_, hints);
+    return TimelineWalk(window, covered, lastSwitches_).run(events_, hints);
 }
 
 }  // namespace quorvix::report

@@ -104,12 +104,21 @@ private:
         Kind kind = Kind::left;
         std::uint8_t state = 0;
         bool byInterrupt = false;
+        // woken: the CPU in whose line it was put; left: see SchedEvent
+        std::int32_t targetCpu = kNoThread;
+        std::uint64_t idleSinceNs = 0;
+    };
+    // The newest switch of a CPU.
+    struct LastSwitch {
+        std::uint64_t timeNs = 0;
+        std::int32_t next = kNoThread;
     };
 
     void push(const Event& event);
 
     std::int32_t tid_;
     std::vector<Event> events_;
+    std::map<std::uint32_t, LastSwitch> lastSwitches_;
     bool tooMany_ = false;
 
     friend class TimelineWalk;

@@ -110,13 +110,21 @@ class AppOfTheLibrary(harness.DaemonTest):
             self.wait_watched(self.daemon)
 
     def test_is_watched_again_after_tracing_was_off(self):
-        for _ in range(2):
+        off = "refreshPreferences: Hang Tracing Disabled"
+        for times in (1, 2):
             self.world.prefer("QuorvixEnabled", "false")
-            harness.wait_until(lambda: self.daemon.status()["watched"] == [] and not self.daemon.status()["settings"]["hangTracingEnabled"])
+            # Its list is empty then; not for long, since the app registers again after each change of a preference.
+            harness.wait_until(lambda: self.daemon.count_lines(off) == times, what="tracing to be off")
             self.world.prefer("QuorvixEnabled", "true")
+            harness.wait_until(lambda: any("New proc: " in line for line in self.lines_since(off)), what="a new registration")
             self.wait_watched(self.daemon)
         self.assertFalse(self.daemon.has_line("WARNING: "))
         self.assertEqual(self.daemon.count_lines("VEX: Client started new connection"), 1)
+
+    def lines_since(self, text):
+        """What the daemon said after the newest line with this text."""
+        log = self.daemon.log()
+        return log[max(number for number, line in enumerate(log) if text in line) + 1:]
 
     def tearDown(self):
         self.app.kill()

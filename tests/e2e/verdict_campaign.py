@@ -83,9 +83,11 @@ class Sampler(threading.Thread):
         off = {"slept": 0, "io": 0, "stopped": 0}
         for index in range(1, len(self.times)):
             if begin <= self.times[index] <= end and self.states[index] in STATES:
-                off[STATES[self.states[index]]] += self.times[index] - self.times[index - 1]
-        total = sum(off.values()) or 1
+                off[STATES[self.states[index]]] += (self.times[index] - self.times[index - 1]) / length
+        # The kernel does not count every wait of a real-time thread: what it was ready and did not run is a wait too.
+        waited = max(waited, 1 - ran - sum(off.values()))
         rest = max(1 - ran - waited, 0)
+        total = sum(off.values()) or 1
         return {"ran": ran, "waited": waited, **{name: rest * part / total for name, part in off.items()}}
 
 
@@ -99,7 +101,7 @@ class Hang:
         shutil.copy(app, program)
         # What else runs on this machine must not starve an app that is to be busy: real time, since niceness counts
         # within a session only.
-        urgent = [] if kind == "starved" else ["chrt", "--rr", "1"]
+        urgent = ["chrt", "--rr", "1"] if kind == "busy" else []
         pinned = ["taskset", "-c", "1" if kind == "starved" and os.cpu_count() > 1 else "0"] if kind in STEPS[0] else []
         self.process = subprocess.Popen([*urgent, *pinned, str(program), kind, "--seconds", str(HANG_SECONDS), "--after", "0.3",
                                          "--share", str(self.share)], stdout=subprocess.DEVNULL)

@@ -40,6 +40,56 @@ TEST(ThreadTimeline, SumsUpRunningWaitingForACpuAndSleeping) {
     EXPECT_EQ(timeline.sleeps, 1U);
 }
 
+// Some kernels record no switch of a CPU that leaves idling.
+SchedEvent leftAnIdleCpu(std::uint64_t timeNs, std::uint32_t state, std::uint64_t idleSinceNs) {
+    SchedEvent event = switched(timeNs, kHung, state, 0);
+    event.idleSinceNs = idleSinceNs;
+    return event;
+}
+
+SchedEvent wokenForCpu(std::uint64_t timeNs, std::int32_t cpu) {
+    SchedEvent event = woken(timeNs, kOther, kHung);
+    event.targetCpu = cpu;
+    return event;
+}
+
+TEST(ThreadTimeline, AThreadThatLeavesAnIdleCpuHadComeToItUnseen) {
+    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0), woken(1300, kOther, kHung),
+                                      leftAnIdleCpu(1700, kInterruptible, 1100)});
+    EXPECT_EQ(timeline.at(Activity::running), 100U + 400);
+    EXPECT_EQ(timeline.at(Activity::runnable), 0U);
+    EXPECT_EQ(timeline.at(Activity::sleeping), 200U + 300);
+}
+
+TEST(ThreadTimeline, ItCameNoEarlierThanTheCpuWasIdle) {
+    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0), woken(1300, kOther, kHung),
+                                      leftAnIdleCpu(1700, kInterruptible, 1500)});
+    EXPECT_EQ(timeline.at(Activity::running), 100U + 200);
+    EXPECT_EQ(timeline.at(Activity::runnable), 200U);
+}
+
+TEST(ThreadTimeline, AThreadThatLeavesABusyCpuUnseenWaitedForIt) {
+    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0), woken(1300, kOther, kHung),
+                                      switched(1700, kHung, kInterruptible, 0)});
+    EXPECT_EQ(timeline.at(Activity::running), 100U);
+    EXPECT_EQ(timeline.at(Activity::runnable), 400U);
+}
+
+TEST(ThreadTimeline, WokenForAnIdleCpuThatNeverSwitchesAgainItRuns) {
+    const auto events = [](std::int32_t cpu) {
+        return std::vector<SchedEvent>{switched(1100, kHung, kInterruptible, 0), wokenForCpu(1300, cpu)};
+    };
+    const std::int32_t idle = static_cast<std::int32_t>(events(0).front().cpu);
+    EXPECT_EQ(timelineOf(events(idle)).at(Activity::running), 100U + 700);
+    EXPECT_EQ(timelineOf(events(idle + 1)).at(Activity::runnable), 700U);
+}
+
+TEST(ThreadTimeline, WokenForACpuThatSwitchedSinceItWaits) {
+    const auto timeline =
+        timelineOf({switched(1100, kHung, kInterruptible, 0), wokenForCpu(1300, 0), switched(1400, kOther, 0, 0)});
+    EXPECT_EQ(timeline.at(Activity::runnable), 700U);
+}
+
 TEST(ThreadTimeline, EachStateOfTheKernelIsOneActivity) {
     const auto doing = [](std::uint32_t state) {
         const auto timeline = timelineOf({switched(1000, kHung, state, kOther)});
