@@ -106,12 +106,12 @@ private:
         activity_ = Activity::running;
     }
 
-    // The same at the end: woken for a CPU that was idle then and never switched again.
+    // The same at the end: a CPU does not stay idle with a thread in its line.
     void cameToIdleCpu() {
-        if (activity_ != Activity::runnable || wokenForCpu_ == kNoThread) return;
-        const auto cpu = lastSwitches_.find(static_cast<std::uint32_t>(wokenForCpu_));
-        if (cpu == lastSwitches_.end() || cpu->second.next != kIdleThread || cpu->second.timeNs > since_) return;
-        activity_ = Activity::running;
+        if (activity_ != Activity::runnable || lineOfCpu_ == kNoThread) return;
+        const auto cpu = lastSwitches_.find(static_cast<std::uint32_t>(lineOfCpu_));
+        if (cpu == lastSwitches_.end() || cpu->second.next != kIdleThread) return;
+        cameUnseen(cpu->second.timeNs);
     }
 
     void left(const Event& event, const Event* following) {
@@ -123,6 +123,7 @@ private:
         } else {
             enter(next, event.timeNs, true, std::nullopt);
         }
+        if (activity_ == Activity::runnable) lineOfCpu_ = event.cpu;
     }
 
     void woken(const Event& event) {
@@ -131,7 +132,7 @@ private:
         } else if (activity_ != Activity::runnable && activity_ != Activity::gone) {
             enter(Activity::runnable, event.timeNs, true,
                   Waker{.tid = event.waker, .byInterrupt = event.byInterrupt, .cpu = event.cpu});
-            wokenForCpu_ = event.targetCpu;
+            lineOfCpu_ = event.targetCpu;
         }
     }
 
@@ -150,7 +151,7 @@ private:
         activity_ = next;
         since_ = nowNs;
         wokenWhileRunning_ = false;
-        wokenForCpu_ = kNoThread;
+        lineOfCpu_ = kNoThread;
     }
 
     void note(const Wait& wait) {
@@ -175,7 +176,7 @@ private:
     Activity activity_ = Activity::unknown;
     std::uint64_t since_ = 0;
     bool wokenWhileRunning_ = false;
-    std::int32_t wokenForCpu_ = kNoThread;  // while it is runnable by a wake-up
+    std::int32_t lineOfCpu_ = kNoThread;  // while it is runnable: the CPU that it was woken for, or was pushed off
     const LastSwitches& lastSwitches_;
 };
 

@@ -84,10 +84,19 @@ TEST(ThreadTimeline, WokenForAnIdleCpuThatNeverSwitchesAgainItRuns) {
     EXPECT_EQ(timelineOf(events(idle + 1)).at(Activity::runnable), 700U);
 }
 
-TEST(ThreadTimeline, WokenForACpuThatSwitchedSinceItWaits) {
-    const auto timeline =
+TEST(ThreadTimeline, ACpuDoesNotStayIdleWithAThreadInItsLine) {
+    const auto woken =
         timelineOf({switched(1100, kHung, kInterruptible, 0), wokenForCpu(1300, 0), switched(1400, kOther, 0, 0)});
-    EXPECT_EQ(timeline.at(Activity::runnable), 700U);
+    EXPECT_EQ(woken.at(Activity::runnable), 100U);
+    EXPECT_EQ(woken.at(Activity::running), 100U + 600);
+    const auto pushedOff = timelineOf({switched(1100, kHung, 0, kOther), switched(1400, kOther, kInterruptible, 0)});
+    EXPECT_EQ(pushedOff.at(Activity::runnable), 300U);
+    EXPECT_EQ(pushedOff.at(Activity::running), 100U + 600);
+}
+
+TEST(ThreadTimeline, InTheLineOfACpuThatRunsOthersItWaits) {
+    const auto timeline = timelineOf({switched(1100, kHung, 0, kOther), switched(1400, kOther, 0, kOther + 1)});
+    EXPECT_EQ(timeline.at(Activity::runnable), 900U);
 }
 
 TEST(ThreadTimeline, EachStateOfTheKernelIsOneActivity) {
