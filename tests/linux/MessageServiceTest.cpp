@@ -72,10 +72,15 @@ protected:
             if (rest) rest(socket);
         });
     }
-    // Keeps the queue busy until the promise is kept.
+    // Keeps the queue busy until the promise is kept; it is busy when this returns.
     std::promise<void> hold() {
         std::promise<void> gate;
-        queue_->async([opened = gate.get_future().share()] { opened.wait(); });
+        auto held = std::make_shared<std::promise<void>>();
+        queue_->async([opened = gate.get_future().share(), held] {
+            held->set_value();
+            opened.wait();
+        });
+        held->get_future().wait();
         return gate;
     }
     std::string lastDescription() const { return recorder_.events().back().description; }
