@@ -12,7 +12,7 @@
 #include <mutex>
 
 #include "swivex/stacks/CaptureRecords.h"
-#include "swivex/stacks/Descriptor.h"
+#include "swivex/Descriptor.h"
 #include "swivex/stacks/StackWorker.h"
 
 namespace quorvix::swivex {
@@ -47,7 +47,6 @@ bool waitForEnd(int child, Clock::time_point deadline) {
     }
 }
 
-using stacks::Descriptor;
 using stacks::ReadCapture;
 using stacks::RecordRegion;
 using stacks::StackRequest;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "swivex/stacks/Descriptor.h"
+#include "swivex/Descriptor.h"
 #include "swivex/stacks/MemoryMap.h"
 
 namespace quorvix::swivex::stacks {

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "swivex/stacks/Descriptor.h"
+#include "swivex/Descriptor.h"
 
 namespace quorvix::swivex::stacks {
 

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "swivex/stacks/Descriptor.h"
+#include "swivex/Descriptor.h"
 #include "swivex/stacks/MemoryMap.h"
 
 namespace quorvix::swivex::stacks {

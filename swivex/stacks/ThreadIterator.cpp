@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "swivex/stacks/Descriptor.h"
+#include "swivex/Descriptor.h"
 #include "swivex/stacks/bpf/ThreadStacksProgram.h"
 
 namespace quorvix::swivex::stacks {

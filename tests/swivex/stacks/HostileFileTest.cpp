@@ -169,7 +169,7 @@ TEST_F(StacksInHostileFiles, OfRandomFaults) {
 
 TEST(ModuleFiles, OpensNoDevice) {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const stacks::Descriptor device(open("/dev/zero", O_RDONLY | O_CLOEXEC));
+    const Descriptor device(open("/dev/zero", O_RDONLY | O_CLOEXEC));
     void* const mapped = mmap(nullptr, page, PROT_READ | PROT_EXEC, MAP_PRIVATE, device.get(), 0);
     ASSERT_NE(mapped, MAP_FAILED);
     const auto map = stacks::MemoryMap::parse(stacks::readProcFile(getpid(), "maps", 1 << 22));
