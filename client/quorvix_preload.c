@@ -14,6 +14,7 @@
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
+#include <stdbool.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
@@ -43,13 +44,17 @@ static bool isMainThread(void) {
 }
 
 static void waitBegins(bool watched) {
-    if (!watched) return;
+    /* A wait inside of the start itself, from a signal handler say, must not start once more. */
+    static __thread bool isStarting;
+    if (!watched || isStarting) return;
+    isStarting = true;
     pthread_once(&started, start);
+    isStarting = false;
     quorvix_end(watch);
 }
 
 static void waitEnds(bool watched) {
-    if (watched) quorvix_begin(watch);
+    if (watched && watch) quorvix_begin(watch);
 }
 
 /* The C library's own function of this name, looked up at its first use. Two threads may look it up at once, and find
