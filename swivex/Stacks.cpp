@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <mutex>
 
-#include "swivex/stacks/CaptureRecords.h"
 #include "swivex/Descriptor.h"
+#include "swivex/stacks/CaptureRecords.h"
 #include "swivex/stacks/StackWorker.h"
 
 namespace quorvix::swivex {
