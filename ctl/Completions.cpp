@@ -93,7 +93,7 @@ std::string stepPatterns(const CommandEntry& tool, std::string_view separator) {
 }
 
 // In single quotes, as bash, zsh and fish read them.
-std::string quoted(std::string_view text) {
+std::string shellQuoted(std::string_view text) {
     std::string out = "'";
     for (const char character : text) {
         if (character == '\'') {
@@ -174,7 +174,7 @@ std::string zshReply(const Values& values) {
 std::string zshDescribed(std::string_view name, std::string_view help) {
     std::string text;
     for (const char character : name) text += character == ':' ? std::string("\\:") : std::string(1, character);
-    return quoted(text + ":" + std::string(help));
+    return shellQuoted(text + ":" + std::string(help));
 }
 
 std::string zshScript(const CommandEntry& tool) {

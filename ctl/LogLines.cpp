@@ -9,17 +9,15 @@ namespace quorvix::ctl {
 
 namespace {
 
-using Json = nlohmann::json;
-
 // A text, or a list of bytes where it is no UTF-8; a list of texts where the field came twice: then the first.
-std::string fieldOf(const Json& entry, const char* name) {
+std::string fieldOf(const nlohmann::json& entry, const char* name) {
     const auto found = entry.find(name);
     if (found == entry.end()) return {};
     if (found->is_string()) return found->get<std::string>();
     if (!found->is_array() || found->empty()) return {};
     if (found->front().is_string()) return found->front().get<std::string>();
     std::string bytes;
-    for (const Json& byte : *found) {
+    for (const nlohmann::json& byte : *found) {
         if (byte.is_number_unsigned()) bytes += static_cast<char>(byte.get<std::uint64_t>() & 0xff);
     }
     return bytes;
@@ -55,7 +53,7 @@ std::string timeOf(const std::string& microseconds) {
 }  // namespace
 
 std::optional<LogLine> logLineOfJournal(std::string_view json) {
-    const Json entry = Json::parse(json, nullptr, false);
+    const nlohmann::json entry = nlohmann::json::parse(json, nullptr, false);
     if (!entry.is_object()) return std::nullopt;
     LogLine line{.time = timeOf(fieldOf(entry, "__REALTIME_TIMESTAMP")),
                  .level = levelOf(fieldOf(entry, "PRIORITY")),

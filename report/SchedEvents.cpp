@@ -34,8 +34,6 @@ constexpr std::uint32_t kWakingFlags = 12;
 // The kernel's marks of an event: it was recorded while an interrupt was served, hard or soft.
 constexpr std::uint64_t kInterruptFlags = 0x08 | 0x10;
 
-constexpr std::int32_t kIdleThread = 0;
-
 // The state of a thread that left the CPU: its bits, and the mark of being pushed out (above them) taken off.
 std::uint32_t stateOf(const ProtoField& field) { return static_cast<std::uint32_t>(field.value) & thread_state::kAll; }
 

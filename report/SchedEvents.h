@@ -24,6 +24,7 @@ inline constexpr std::uint32_t kAll = 0xff;
 }  // namespace thread_state
 
 inline constexpr std::int32_t kNoThread = -1;
+inline constexpr std::int32_t kIdleThread = 0;  // what a CPU runs that has nothing to run
 
 // A CPU went from one thread to another, or a thread was woken. Times are CLOCK_MONOTONIC nanoseconds.
 struct SchedEvent {

@@ -7,8 +7,6 @@ namespace quorvix::report {
 
 namespace {
 
-constexpr std::int32_t kIdleThread = 0;
-
 bool isSleep(Activity activity) {
     return activity == Activity::sleeping || activity == Activity::uninterruptible || activity == Activity::stopped;
 }

@@ -21,7 +21,7 @@ void require(bool holds, const char* what) {
 
 // What a run may hold at any time beyond what it held after a day: a leak of a hundred bytes a hang shows.
 constexpr std::uint64_t kGrowthBytes = 8 << 20;
-constexpr std::uint64_t kMinutesOfADay = 1440;
+constexpr std::uint64_t kMinutesADay = 1440;
 
 }  // namespace
 
@@ -121,7 +121,7 @@ void Checkers::everyMinute() {
     device.random.forgetCalls();
     device.preferences.clearCalls();
     device.renderServer.forgetMessages();
-    if (++minutes_ % kMinutesOfADay == 0) {
+    if (++minutes_ % kMinutesADay == 0) {
         const std::uint64_t held = mallinfo2().uordblks;
         if (settledBytes_ == 0) settledBytes_ = held;
         require(held < settledBytes_ + kGrowthBytes, "memory grows without bound");

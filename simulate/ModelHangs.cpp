@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 
 constexpr std::string_view kFenceHang = "Fence-hang";
 constexpr std::string_view kCounters = "com.norvane.quorvix.";
-constexpr const char* kTmp = "/var/root/Library/Caches/quorvixd/tmp";
-constexpr const char* kSpool = "/var/root/Library/Caches/quorvixd/spool";
+constexpr const char* kTemporaryFolder = "/var/root/Library/Caches/quorvixd/tmp";
+constexpr const char* kSpoolFolder = "/var/root/Library/Caches/quorvixd/spool";
 
 // Reading past the pages of a region faults.
 template <class T>
@@ -282,8 +282,8 @@ bool Model::traceLibraryUsable() {
 bool Model::saveReport(const Process& process, const Hang& hang, const std::string& reason) {
     const char* const app = process.name.c_str();
     const std::string name = print("%s-%s-%s.swivex", hang.name.c_str(), app, stamp().c_str());
-    const std::string temporary = print("%s/%s", kTmp, name.c_str());
-    const std::string located = print("%s|%s", kTmp, name.c_str());
+    const std::string temporary = print("%s/%s", kTemporaryFolder, name.c_str());
+    const std::string located = print("%s|%s", kTemporaryFolder, name.c_str());
     info(print("%s: Attempting to save swivex at %s", app, temporary.c_str()));
     const Record created = replay_.expect(Op::createFile, located + " 420 4");
     if (created.error.value != 0) {
@@ -325,8 +325,8 @@ bool Model::saveReport(const Process& process, const Hang& hang, const std::stri
         replay_.expect(Op::unlinkFile, located);
         return false;
     }
-    info(print("%s: Moving swivex to spool: %s/%s\n", app, kSpool, name.c_str()));
-    const Record moved = replay_.expect(Op::moveFile, located + " -> " + kSpool + "|" + name);
+    info(print("%s: Moving swivex to spool: %s/%s\n", app, kSpoolFolder, name.c_str()));
+    const Record moved = replay_.expect(Op::moveFile, located + " -> " + kSpoolFolder + "|" + name);
     if (moved.error.value != 0) {
         log(print("%s: Unable to move swivex to final path: %s", app, moved.error.text().c_str()));
         replay_.expect(Op::unlinkFile, located);

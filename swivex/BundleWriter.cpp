@@ -62,14 +62,14 @@ void writeNative(PacketWriter& writer, const NativeEvent& native, const Event& s
 }
 
 void writeGeneric(PacketWriter& writer, const Event& source) {
-    constexpr std::uint32_t kName = 1, kField = 2, kFieldName = 1, kText = 3, kSigned = 4, kUnsigned = 5;
+    constexpr std::uint32_t kName = 1, kField = 2, kFieldName = 1, kFieldText = 3, kSigned = 4, kUnsigned = 5;
     writer.message(event::kGeneric, [&] {
         writer.text(kName, validUtf8(source.name));
         for (const EventField& field : source.allFields()) {
             writer.message(kField, [&] {
                 writer.text(kFieldName, validUtf8(field.name));
                 if (field.isText) {
-                    writer.text(kText, validUtf8(field.text));
+                    writer.text(kFieldText, validUtf8(field.text));
                 } else {
                     writer.signedNumber(field.isSigned ? kSigned : kUnsigned, field.number);
                 }

@@ -17,16 +17,15 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::uint64_t kKilobyte = 1024;
 // /proc/stat grows with the number of interrupts, and its boot time stands behind them.
-constexpr std::size_t kLongestFile = std::size_t{4} << 20;
+constexpr std::size_t kLongestStatistics = std::size_t{4} << 20;
 
 Result<std::string> readFile(const std::string& path) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file) return ErrorCode{errno};
     std::string text;
     std::size_t length = 0;
-    while (length < kLongestFile) {
+    while (length < kLongestStatistics) {
         text.resize(std::max<std::size_t>(16384, 2 * length));
         const ssize_t count = ::read(file.get(), text.data() + length, text.size() - length);
         if (count < 0 && errno == EINTR) continue;

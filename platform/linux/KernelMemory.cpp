@@ -13,8 +13,7 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::uint64_t kKilobyte = 1024;
-constexpr std::size_t kLongestFile = std::size_t{2} << 20;
+constexpr std::size_t kLongestKernelFile = std::size_t{2} << 20;
 
 // Tags by number, as the report names them.
 constexpr std::uint64_t kStackTag = 8;
@@ -55,8 +54,8 @@ KernelMemoryInformation LinuxKernelMemory::information() {
     names_.clear();
     KernelMemoryInformation information;
     // The caches before their sum, so that what is allocated in between makes the rest larger and not the sum.
-    const auto slabInfo = readTextFile(proc_ + "/slabinfo", kLongestFile);
-    const auto meminfo = readTextFile(proc_ + "/meminfo", kLongestFile);
+    const auto slabInfo = readTextFile(proc_ + "/slabinfo", kLongestKernelFile);
+    const auto meminfo = readTextFile(proc_ + "/meminfo", kLongestKernelFile);
     missingSources_ += !slabInfo + !meminfo;
     const std::string_view figures = meminfo ? std::string_view(*meminfo) : std::string_view();
     addZones(information, figures, slabInfo ? std::string_view(*slabInfo) : std::string_view());
@@ -81,7 +80,7 @@ void LinuxKernelMemory::addTags(KernelMemoryInformation& information, std::strin
     };
     add(kStackTag, bytesOf(meminfo, "KernelStack"));
     add(kCpuTag, bytesOf(meminfo, "Percpu"));
-    if (const auto vmstat = readTextFile(proc_ + "/vmstat", kLongestFile)) {
+    if (const auto vmstat = readTextFile(proc_ + "/vmstat", kLongestKernelFile)) {
         // The records of all pages; older kernels do not tell.
         const std::uint64_t pages = numberOfLine(*vmstat, "nr_memmap_pages").value_or(0) +
                                     numberOfLine(*vmstat, "nr_memmap_boot_pages").value_or(0);
@@ -94,7 +93,7 @@ void LinuxKernelMemory::addTags(KernelMemoryInformation& information, std::strin
 }
 
 bool LinuxKernelMemory::addModules(KernelMemoryInformation& information) {
-    const auto text = readTextFile(proc_ + "/modules", kLongestFile);
+    const auto text = readTextFile(proc_ + "/modules", kLongestKernelFile);
     if (!text) {
         ++missingSources_;
         return false;
@@ -110,7 +109,7 @@ bool LinuxKernelMemory::addModules(KernelMemoryInformation& information) {
 
 void LinuxKernelMemory::addVmallocCallers(KernelMemoryInformation& information, std::string_view meminfo,
                                           bool modulesAreListed) {
-    const auto text = readTextFile(proc_ + "/vmallocinfo", kLongestFile);
+    const auto text = readTextFile(proc_ + "/vmallocinfo", kLongestKernelFile);
     if (!text) {
         ++missingSources_;
         // Not told apart; stacks are in it and have their own tag.

@@ -17,7 +17,7 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::size_t kLongestFile = 4096;
+constexpr std::size_t kLongestAssertion = 4096;
 
 // Kinds of inhibitors by the assertion they come nearest to (docs/memory-report.md says why).
 struct InhibitorKind {
@@ -136,7 +136,7 @@ void ProcessAssertions::eachFile(const std::string& folder, const Wanted& wanted
         const Descriptor file(
             openat(dirfd(directory.get()), entry->d_name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
         if (!file) continue;  // its holder has just let go
-        std::array<char, kLongestFile> bytes;
+        std::array<char, kLongestAssertion> bytes;
         if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || !isOwnersAlone(status)) {
             ++refusedFiles_;
             continue;

@@ -13,9 +13,6 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::string_view kDeletedMark = " (deleted)";
-constexpr std::uint64_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
-
 std::uint64_t pageBytes() {
     static const auto bytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
     return bytes;

@@ -10,13 +10,12 @@
 #include <string_view>
 
 #include "platform/linux/ProcfsSource.h"
+#include "platform/linux/ProcfsText.h"
 #include "platform/linux/TaskIteratorSource.h"
 
 namespace quorvix::linuxos {
 
 namespace {
-
-constexpr std::string_view kDeletedMark = " (deleted)";
 
 LinuxProcessQueries::Sources procfsOnly(const std::string& root) {
     LinuxProcessQueries::Sources sources;

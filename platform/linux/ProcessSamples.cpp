@@ -2,11 +2,11 @@
 
 #include <algorithm>
 
+#include "platform/linux/ProcfsText.h"
+
 namespace quorvix::linuxos {
 
 namespace {
-
-constexpr std::string_view kDeletedMark = " (deleted)";
 
 bool byPid(const ProcessSample& left, const ProcessSample& right) { return left.pid < right.pid; }
 bool byThreadId(const ThreadSample& left, const ThreadSample& right) { return left.tid < right.tid; }

@@ -16,8 +16,6 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::uint64_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
-
 // "ID/" and more, on the stack: paths are made several times a process.
 class Path {
 public:

@@ -7,8 +7,6 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::uint64_t kKilobyte = 1024;
-
 // Numbers separated by blanks, one after the other.
 class Numbers {
 public:

@@ -9,6 +9,11 @@ namespace quorvix::linuxos {
 // Parsers of procfs texts: from text to values, without a file and without allocating. What is missing or is no number
 // reads as absent, or as 0 where the kernel leaves a line out.
 
+inline constexpr std::uint64_t kKilobyte = 1024;
+inline constexpr std::uint64_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD, of a thread's flags
+// What the kernel appends to the name of a file that is no longer there.
+inline constexpr std::string_view kDeletedMark = " (deleted)";
+
 // /proc/PID/stat and /proc/PID/task/TID/stat.
 struct StatText {
     std::string_view comm;  // may hold blanks, brackets and line feeds

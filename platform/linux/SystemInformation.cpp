@@ -8,7 +8,7 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::size_t kLongestFile = 65536;
+constexpr std::size_t kLongestOsRelease = 65536;
 constexpr std::string_view kEscapedInQuotes = "\"\\$`";
 
 // The value of one assignment as a shell takes it; ends at the line's end or at a blank outside of quotes.
@@ -68,7 +68,7 @@ SystemVersion parseOsRelease(std::string_view text) {
 
 SystemVersion LinuxSystemInformation::version() {
     for (const std::string& file : files_) {
-        if (const auto text = readTextFile(file, kLongestFile)) return parseOsRelease(*text);
+        if (const auto text = readTextFile(file, kLongestOsRelease)) return parseOsRelease(*text);
     }
     return {};
 }

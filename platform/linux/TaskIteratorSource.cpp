@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "platform/linux/ProcfsText.h"
 #include "platform/linux/bpf/TaskProgram.h"
 
 namespace quorvix::linuxos {
@@ -17,7 +18,6 @@ namespace quorvix::linuxos {
 
 namespace {
 
-constexpr std::uint32_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
 constexpr std::uint64_t kNsPerStartUnit = 1'000'000'000 / kStartUnitsPerSecond;
 constexpr ino_t kFirstProcessNamespace = 0xEFFFFFFC;
 

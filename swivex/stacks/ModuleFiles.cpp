@@ -19,7 +19,7 @@ namespace quorvix::swivex::stacks {
 namespace {
 
 constexpr std::size_t kMostMountBytes = 1 << 20;
-constexpr std::size_t kMostModules = 4096;
+constexpr std::size_t kMostModulesOfAProcess = 4096;
 constexpr std::size_t kMostVdsoBytes = 64 * 1024;
 constexpr const char kVdso[] = "[vdso]";
 
@@ -74,7 +74,7 @@ std::vector<ModuleFile> openModuleFiles(pid_t pid, const MemoryMap& map,
     std::vector<ModuleFile> modules;
     const std::set<Device> avoided = devicesThatMayNotAnswer(readProcFile(pid, "mountinfo", kMostMountBytes));
     for (const Mapping& mapping : map.mappings()) {
-        if (!mapping.isExecutable || modules.size() == kMostModules) continue;
+        if (!mapping.isExecutable || modules.size() == kMostModulesOfAProcess) continue;
         ModuleFile module;
         module.mapping = &mapping;
         if (mapping.path == kVdso) {

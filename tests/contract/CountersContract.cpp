@@ -11,7 +11,7 @@
 #include "tests/support/RecordingLog.h"
 #include "tests/support/TemporaryFolder.h"
 
-namespace quorvix {
+namespace quorvix::counters_contract {
 namespace {
 
 struct Samples {
@@ -121,4 +121,4 @@ TYPED_TEST(CountersContract, KeysAreBytes) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::counters_contract

@@ -11,7 +11,7 @@
 #include "platform/sim/SimFiles.h"
 #include "tests/support/TemporaryFolder.h"
 
-namespace quorvix {
+namespace quorvix::files_contract {
 namespace {
 
 // A harness gives the service, a folder of its own ("tmp" and "spool" in it) and a look at the outcome.
@@ -286,4 +286,4 @@ TYPED_TEST(FilesContract, ReplacingMovesOverAnOlderFile) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::files_contract

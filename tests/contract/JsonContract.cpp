@@ -8,7 +8,7 @@
 #include "platform/linux/Json.h"
 #include "platform/sim/SimJson.h"
 
-namespace quorvix {
+namespace quorvix::json_contract {
 namespace {
 
 template <class Json>
@@ -89,4 +89,4 @@ TYPED_TEST(JsonContract, MakesTextOfUtf8BytesOnly) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::json_contract

@@ -5,7 +5,7 @@
 #include "platform/linux/LibraryLoader.h"
 #include "platform/sim/SimLibraries.h"
 
-namespace quorvix {
+namespace quorvix::libraries_contract {
 namespace {
 
 constexpr const char* kFunction = "swivex_dump_output_with_options_sync";
@@ -60,4 +60,4 @@ TYPED_TEST(LibrariesContract, AMissingLibraryIsNothing) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::libraries_contract

@@ -11,7 +11,7 @@
 #include "platform/sim/SimKernelMemory.h"
 #include "platform/sim/SimProcessMemory.h"
 
-namespace quorvix {
+namespace quorvix::memory_contract {
 namespace {
 
 constexpr std::int32_t kNobody = std::numeric_limits<std::int32_t>::max();
@@ -113,4 +113,4 @@ TYPED_TEST(MemoryContract, EveryZoneHasAName) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::memory_contract

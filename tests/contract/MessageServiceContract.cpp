@@ -16,7 +16,7 @@
 #include "tests/support/MessageTestSupport.h"
 #include "tests/support/TemporaryFolder.h"
 
-namespace quorvix {
+namespace quorvix::message_service_contract {
 namespace {
 
 using Kind = MessageEventKind;
@@ -326,4 +326,4 @@ TYPED_TEST(MessageServiceContract, TypesOfEventsHaveAnIdEach) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::message_service_contract

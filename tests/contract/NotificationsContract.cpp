@@ -13,7 +13,7 @@
 #include "platform/sim/SimScheduler.h"
 #include "tests/support/TemporaryFolder.h"
 
-namespace quorvix {
+namespace quorvix::notifications_contract {
 namespace {
 
 class LinuxHarness {
@@ -195,4 +195,4 @@ TYPED_TEST(NotificationsContract, FailedRegistrationGivesNothing) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::notifications_contract

@@ -14,7 +14,7 @@
 #include "tests/support/RecordingLog.h"
 #include "tests/support/TemporaryFolder.h"
 
-namespace quorvix {
+namespace quorvix::power_log_contract {
 namespace {
 
 using tests::kActivationCategory;
@@ -134,4 +134,4 @@ TYPED_TEST(PowerLogContract, KeepsAnActivationWithoutProcessesOrMemory) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::power_log_contract

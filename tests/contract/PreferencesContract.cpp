@@ -8,7 +8,7 @@
 #include "platform/sim/SimPreferences.h"
 #include "tests/support/TemporaryFolder.h"
 
-namespace quorvix {
+namespace quorvix::preferences_contract {
 namespace {
 
 constexpr PreferenceDomain kDomain{"com.norvane.da", "mobile"};
@@ -139,4 +139,4 @@ TYPED_TEST(PreferencesContract, FailedSynchroniseKeepsWhatWasSet) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::preferences_contract

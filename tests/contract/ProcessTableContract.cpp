@@ -15,7 +15,7 @@
 #include "platform/linux/TaskIteratorSource.h"
 #include "platform/sim/SimProcesses.h"
 
-namespace quorvix {
+namespace quorvix::process_table_contract {
 namespace {
 
 // A real process that does nothing until it is ended.
@@ -163,4 +163,4 @@ TYPED_TEST(ProcessTableContract, ANameIsCutToTheBuffer) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::process_table_contract

@@ -9,7 +9,7 @@
 #include "platform/sim/SimProcesses.h"
 #include "tests/support/TemporaryFolder.h"
 
-namespace quorvix {
+namespace quorvix::processes_contract {
 namespace {
 
 // The Linux side reads a made-up procfs, so that both tell of the same processes.
@@ -71,4 +71,4 @@ TYPED_TEST(ProcessesContract, FillsAtMostTheBuffer) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::processes_contract

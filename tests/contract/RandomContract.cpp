@@ -5,7 +5,7 @@
 #include "platform/linux/RandomSource.h"
 #include "platform/sim/SimRandom.h"
 
-namespace quorvix {
+namespace quorvix::random_contract {
 namespace {
 
 template <class Random>
@@ -57,4 +57,4 @@ TEST(SimRandomTest, TheSameSeedGivesTheSameDraws) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::random_contract

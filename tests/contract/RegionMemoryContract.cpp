@@ -8,7 +8,7 @@
 #include "platform/sim/SimSharedMemory.h"
 #include "tests/support/MessageSocket.h"
 
-namespace quorvix {
+namespace quorvix::region_memory_contract {
 namespace {
 
 // A harness: the service, a client's memory of some length, and the client's own view of it.
@@ -138,4 +138,4 @@ TYPED_TEST(RegionMemoryContract, GivingBackTwiceOrTheUnknownIsHarmless) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::region_memory_contract

@@ -6,7 +6,7 @@
 #include "platform/linux/Clocks.h"
 #include "platform/sim/SimTickClock.h"
 
-namespace quorvix {
+namespace quorvix::tick_clock_contract {
 namespace {
 
 using namespace std::chrono_literals;
@@ -66,4 +66,4 @@ TYPED_TEST(TickClockContract, NeverRunsBackwards) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::tick_clock_contract

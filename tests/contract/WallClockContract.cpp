@@ -7,7 +7,7 @@
 #include "platform/linux/WallClock.h"
 #include "platform/sim/SimWallClock.h"
 
-namespace quorvix {
+namespace quorvix::wall_clock_contract {
 namespace {
 
 using std::chrono::hours;
@@ -84,4 +84,4 @@ TYPED_TEST(WallClockContract, TellsTheTime) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::wall_clock_contract

@@ -17,7 +17,7 @@
 // What every work queue keeps, in real and in virtual time. Real time only ever bounds from below: work may come as
 // late as a busy machine makes it, but never early, never too often and never in another order.
 
-namespace quorvix {
+namespace quorvix::work_queue_contract {
 namespace {
 
 using namespace std::chrono_literals;
@@ -441,4 +441,4 @@ TYPED_TEST(WorkQueueContract, QueuesMadeAfterTheStartRunToo) {
 }
 
 }  // namespace
-}  // namespace quorvix
+}  // namespace quorvix::work_queue_contract

@@ -7,7 +7,7 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr std::uint64_t kMinimum = QUORVIX_CHANNEL_MINIMUM_LENGTH;
+constexpr std::uint64_t kSmallest = QUORVIX_CHANNEL_MINIMUM_LENGTH;
 
 // How a region becomes a record.
 class HangDetection : public HangWorld {
@@ -23,7 +23,7 @@ protected:
     }
     std::shared_ptr<QXProcessInfo> createWithPath(std::string path) {
         device.processes.setExecutablePath(kPid, std::move(path));
-        return create(kMinimum);
+        return create(kSmallest);
     }
 
     SharedMemoryMapping mapping;
@@ -59,7 +59,7 @@ TEST_F(HangDetection, AcceptsALongerRegion) { EXPECT_TRUE(create(100'000)); }
 TEST_F(HangDetection, RefusesEveryVersionButFourAndUnmaps) {
     for (const std::uint32_t version : {3u, 5u, 0u, 0x80000004u, 4294967295u}) {
         EXPECT_THAT(
-            linesOf([&] { EXPECT_EQ(create(kMinimum, version), nullptr); }),
+            linesOf([&] { EXPECT_EQ(create(kSmallest, version), nullptr); }),
             ElementsAre("default: Client is not vending the current protocol version: " + std::to_string(version)));
         EXPECT_EQ(device.regions.liveMappings(), 0u);
     }
@@ -80,14 +80,14 @@ TEST_F(HangDetection, AProcessWithoutAPathIsRefusedFirstAndKeepsItsMapping) {
 
 TEST_F(HangDetection, ARegionThatFaultsIsRefusedCountedAndUnmapped) {
     device.regions.callFaults().failNext("guarded", {EFAULT});
-    EXPECT_THAT(linesOf([&] { EXPECT_EQ(create(kMinimum), nullptr); }),
+    EXPECT_THAT(linesOf([&] { EXPECT_EQ(create(kSmallest), nullptr); }),
                 ElementsAre("platform default: The hang channel of pid 412 can't be read: it is not watched"));
     EXPECT_EQ(hangState().regionFaults, 1u);
     EXPECT_EQ(device.regions.unmapCount(mapping.address), 1u);
 }
 
 TEST_F(HangDetection, AFailedRecordGoesWithoutALineAndUnmapsOnlyOnce) {
-    EXPECT_THAT(linesOf([&] { create(kMinimum, 3); }), testing::SizeIs(1));
+    EXPECT_THAT(linesOf([&] { create(kSmallest, 3); }), testing::SizeIs(1));
     create(2087);
     EXPECT_EQ(device.regions.surplusUnmaps(), 0u);
     EXPECT_EQ(device.regions.unmapCount(), 2u);
@@ -95,7 +95,7 @@ TEST_F(HangDetection, AFailedRecordGoesWithoutALineAndUnmapsOnlyOnce) {
 
 TEST_F(HangDetection, ThePidIsShownUnsigned) {
     device.processes.setExecutablePath(-1, "/bin/odd");
-    EXPECT_THAT(linesOf([&] { create(kMinimum, 4, -1).reset(); }),
+    EXPECT_THAT(linesOf([&] { create(kSmallest, 4, -1).reset(); }),
                 ElementsAre("info: New proc: /bin/odd(4294967295)", "debug: dealloc for odd"));
 }
 

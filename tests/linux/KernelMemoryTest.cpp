@@ -18,7 +18,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
-using Kind = WiredSite::Kind;
+using SiteKind = WiredSite::Kind;
 
 constexpr std::string_view kSlabInfo =
     R"(slabinfo - version: 2.1
@@ -123,7 +123,7 @@ protected:
         write("vmstat", "nr_memmap_pages 1\nnr_memmap_boot_pages 2\n");
         write("modules", "driver 8192 0 - Live 0x0\next4 16384 0 - Live 0x0\n");
     }
-    static std::uint64_t sizeOf(const KernelMemoryInformation& information, Kind kind, std::uint64_t number) {
+    static std::uint64_t sizeOf(const KernelMemoryInformation& information, SiteKind kind, std::uint64_t number) {
         for (const WiredSite& site : information.sites) {
             if (site.kind == kind && site.number == number) return site.sizeBytes;
         }
@@ -152,13 +152,13 @@ TEST_F(ScriptedKernel, ASumThatIsAlreadyLargerHasNoSuchZone) {
 TEST_F(ScriptedKernel, TagsComeFromMeminfo) {
     writeEverything();
     const auto information = memory_.information();
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 8), 16u * 1024);
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 9), 20u * 1024);
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 10), 3 * page_);
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 11), 12u * 1024);
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 12), 30000u * 1024);
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 14), 5u * 1024);
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 24), 12u * 1024);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 8), 16u * 1024);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 9), 20u * 1024);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 10), 3 * page_);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 11), 12u * 1024);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 12), 30000u * 1024);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 14), 5u * 1024);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 24), 12u * 1024);
 }
 
 TEST_F(ScriptedKernel, FunctionsHaveTheirNamesAndNothingCountsTwice) {
@@ -167,7 +167,7 @@ TEST_F(ScriptedKernel, FunctionsHaveTheirNamesAndNothingCountsTwice) {
     const auto resolver = memory_.makeSymbolResolver();
     std::map<std::string, std::uint64_t> sizes;
     for (const WiredSite& site : information.sites) {
-        if (site.kind != Kind::kernelAddress) continue;
+        if (site.kind != SiteKind::kernelAddress) continue;
         sizes[resolver->symbolAt(site.number).value_or(formatText("%llx", site.number))] += site.sizeBytes;
     }
     EXPECT_THAT(sizes, ElementsAre(Pair("ffffffffc0001234", page_), Pair("htab_map_alloc", 3 * page_),
@@ -188,8 +188,8 @@ TEST_F(ScriptedKernel, NoResolverKnowsTheNamesOfAnotherSnapshot) {
 TEST_F(ScriptedKernel, ModulesAreExtensionsByTheirPlace) {
     writeEverything();
     const auto information = memory_.information();
-    EXPECT_EQ(sizeOf(information, Kind::kernelExtension, 1), 8192u);
-    EXPECT_EQ(sizeOf(information, Kind::kernelExtension, 2), 16384u);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelExtension, 1), 8192u);
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelExtension, 2), 16384u);
     const auto extensions = memory_.loadedExtensions();
     ASSERT_EQ(extensions.size(), 2u);
     EXPECT_EQ(extensions[0].loadTag, 1u);
@@ -204,7 +204,7 @@ TEST_F(ScriptedKernel, WithoutTheModuleListTheirMemoryCountsAsOthers) {
     const auto resolver = memory_.makeSymbolResolver();
     bool found = false;
     for (const WiredSite& site : information.sites) {
-        found |= site.kind == Kind::kernelAddress && resolver->symbolAt(site.number) == "load_module";
+        found |= site.kind == SiteKind::kernelAddress && resolver->symbolAt(site.number) == "load_module";
     }
     EXPECT_TRUE(found);
     EXPECT_THAT(memory_.loadedExtensions(), IsEmpty());
@@ -213,7 +213,7 @@ TEST_F(ScriptedKernel, WithoutTheModuleListTheirMemoryCountsAsOthers) {
 TEST_F(ScriptedKernel, AreasThatCannotBeReadAreOneTag) {
     writeEverything();
     ASSERT_EQ(unlink(folder_.path("vmallocinfo").c_str()), 0);
-    EXPECT_EQ(sizeOf(memory_.information(), Kind::kernelTag, 13), 32u * 1024) << "48 kB less 16 kB of stacks";
+    EXPECT_EQ(sizeOf(memory_.information(), SiteKind::kernelTag, 13), 32u * 1024) << "48 kB less 16 kB of stacks";
 }
 
 TEST_F(ScriptedKernel, TooManyFunctionsAreSummedUp) {
@@ -224,8 +224,8 @@ TEST_F(ScriptedKernel, TooManyFunctionsAreSummedUp) {
     }
     write("vmallocinfo", areas);
     const auto information = memory_.information();
-    EXPECT_EQ(sizeOf(information, Kind::kernelTag, 13), 3 * page_);
-    EXPECT_EQ(std::ranges::count(information.sites, Kind::kernelAddress, &WiredSite::kind),
+    EXPECT_EQ(sizeOf(information, SiteKind::kernelTag, 13), 3 * page_);
+    EXPECT_EQ(std::ranges::count(information.sites, SiteKind::kernelAddress, &WiredSite::kind),
               static_cast<std::ptrdiff_t>(LinuxKernelMemory::kMaximumCallers));
 }
 
@@ -261,7 +261,7 @@ TEST(RealKernelMemory, EveryFunctionOfTheAreasHasAName) {
     const auto resolver = memory.makeSymbolResolver();
     std::size_t sites = 0;
     for (const WiredSite& site : information.sites) {
-        if (site.kind != Kind::kernelAddress) continue;
+        if (site.kind != SiteKind::kernelAddress) continue;
         ++sites;
         EXPECT_TRUE(resolver->symbolAt(site.number)) << std::hex << site.number;
     }

@@ -23,7 +23,7 @@
 namespace quorvix::linuxos {
 namespace {
 
-using Kind = MessageEventKind;
+using Event = MessageEventKind;
 using tests::ChildProcess;
 using tests::connectTo;
 using tests::sendDatagram;
@@ -59,9 +59,9 @@ protected:
     std::uint64_t counter(std::string_view name) const { return counterOf(service_->selfCounters(), name); }
     // A connection that the daemon has seen.
     Descriptor connected() {
-        const std::size_t before = recorder_.count(Kind::newConnection);
+        const std::size_t before = recorder_.count(Event::newConnection);
         Descriptor socket = connectTo(path());
-        EXPECT_TRUE(recorder_.waitForCount(Kind::newConnection, before + 1));
+        EXPECT_TRUE(recorder_.waitForCount(Event::newConnection, before + 1));
         return socket;
     }
     // A child that connects, sends `datagrams` and then does `rest`.
@@ -106,7 +106,7 @@ TEST_F(MessageServiceTest, EverybodyMayConnect) {
 TEST_F(MessageServiceTest, ThePidIsTheChilds) {
     listen();
     const ChildProcess child = client(1);
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 1));
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 1));
     for (const auto& event : recorder_.events()) EXPECT_EQ(event.pid, child.pid());
 }
 
@@ -116,9 +116,9 @@ TEST_F(MessageServiceTest, AClientKilledAtAnyMomentEndsAfterAllThatItHadSent) {
         ChildProcess child = client(datagrams, [](int) { raise(SIGKILL); });
         child.wait();
         const std::size_t source = static_cast<std::size_t>(datagrams) + 1;
-        ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, source));
+        ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, source));
         EXPECT_EQ(recorder_.sequence(source).size(), static_cast<std::size_t>(datagrams));
-        EXPECT_EQ(recorder_.kinds(source).back(), Kind::errorConnectionInvalid);
+        EXPECT_EQ(recorder_.kinds(source).back(), Event::errorConnectionInvalid);
     }
 }
 
@@ -128,9 +128,9 @@ TEST_F(MessageServiceTest, APeerThatIsGoneBeforeItWasAcceptedStillDeliversAndEnd
     ChildProcess child = client(3, [](int) { raise(SIGKILL); });
     child.wait();
     gate.set_value();
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 1));
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 1));
     EXPECT_EQ(recorder_.kinds(1),
-              (std::vector{Kind::dictionary, Kind::dictionary, Kind::dictionary, Kind::errorConnectionInvalid}));
+              (std::vector{Event::dictionary, Event::dictionary, Event::dictionary, Event::errorConnectionInvalid}));
 }
 
 TEST_F(MessageServiceTest, APeersDeathEndsTheConnectionThoughItsChildKeepsTheSocket) {
@@ -141,7 +141,7 @@ TEST_F(MessageServiceTest, APeersDeathEndsTheConnectionThoughItsChildKeepsTheSoc
             for (;;) pause();
         }
     });
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 1));
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 1));
     EXPECT_EQ(recorder_.sequence(1).size(), 2u);
     child.killGroup();
 }
@@ -157,9 +157,9 @@ TEST_F(MessageServiceTest, AChildThatInheritedTheSocketAndKeepsSendingCannotProl
         }
         usleep(20000);
     });
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 1));
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 1));
     child.killGroup();
-    EXPECT_EQ(recorder_.kinds(1).back(), Kind::errorConnectionInvalid);
+    EXPECT_EQ(recorder_.kinds(1).back(), Event::errorConnectionInvalid);
     EXPECT_EQ(counter("connections"), 0u);
 }
 
@@ -176,7 +176,7 @@ TEST_F(MessageServiceTest, DatagramsReadAfterADeathAreBoundedAndTheCutIsCounted)
         });
         child.wait();
         gate.set_value();
-        ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, datagrams == 2 ? 1 : 2));
+        ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, datagrams == 2 ? 1 : 2));
         child.killGroup();
     }
     EXPECT_EQ(recorder_.sequence(1).size(), 2u);
@@ -189,7 +189,7 @@ TEST_F(MessageServiceTest, AnEmptyDatagramIsAnEventAndNotTheEnd) {
     const Descriptor socket = connected();
     ASSERT_TRUE(sendDatagram(socket.get(), {}));
     ASSERT_TRUE(sendNumber(socket.get(), 1));
-    ASSERT_TRUE(recorder_.waitForCount(Kind::dictionary, 1));
+    ASSERT_TRUE(recorder_.waitForCount(Event::dictionary, 1));
     EXPECT_EQ(recorder_.events().at(1).description, "<undecodable message, 0 bytes: empty>");
     EXPECT_EQ(counter("undecodable"), 1u);
 }
@@ -202,8 +202,8 @@ TEST_F(MessageServiceTest, TheLongestDatagramArrivesAndALongerOneIsAnEvent) {
         const std::string text(kMaximumDatagramBytes - overhead + extra, 'x');
         ASSERT_TRUE(sendDatagram(socket.get(), MessageEncoder{}.string("t", text).bytes()));
     }
-    ASSERT_TRUE(recorder_.waitForCount(Kind::other, 2));
-    EXPECT_EQ(recorder_.kinds(1), (std::vector{Kind::dictionary, Kind::other, Kind::other}));
+    ASSERT_TRUE(recorder_.waitForCount(Event::other, 2));
+    EXPECT_EQ(recorder_.kinds(1), (std::vector{Event::dictionary, Event::other, Event::other}));
     EXPECT_EQ(lastDescription(), "<undecodable message, more than 65536 bytes: longer than 65536 bytes>");
 }
 
@@ -212,8 +212,8 @@ TEST_F(MessageServiceTest, AHalfClosedConnectionEnds) {
     const Descriptor socket = connected();
     ASSERT_TRUE(sendNumber(socket.get(), 1));
     shutdown(socket.get(), SHUT_WR);
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 1));
-    EXPECT_EQ(recorder_.kinds(1), (std::vector{Kind::dictionary, Kind::errorConnectionInvalid}));
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 1));
+    EXPECT_EQ(recorder_.kinds(1), (std::vector{Event::dictionary, Event::errorConnectionInvalid}));
 }
 
 TEST_F(MessageServiceTest, DescriptorsOfAMessageAreClosedWhetherItDecodesOrNot) {
@@ -229,10 +229,10 @@ TEST_F(MessageServiceTest, DescriptorsOfAMessageAreClosedWhetherItDecodesOrNot) 
     ASSERT_TRUE(sendDatagram(socket.get(), named, four));
     ASSERT_TRUE(sendDatagram(socket.get(), named, five));
     ASSERT_TRUE(sendDatagram(socket.get(), named));
-    ASSERT_TRUE(recorder_.waitForCount(Kind::other, 3));
+    ASSERT_TRUE(recorder_.waitForCount(Event::other, 3));
     hold().set_value();
     ASSERT_TRUE(sendNumber(socket.get(), 1));
-    ASSERT_TRUE(recorder_.waitForCount(Kind::dictionary, 2));
+    ASSERT_TRUE(recorder_.waitForCount(Event::dictionary, 2));
     EXPECT_EQ(tests::openDescriptors(), before);
     const auto events = recorder_.events();
     EXPECT_EQ(events.at(2).description, "<undecodable message, 12 bytes: descriptor that no entry names>");
@@ -248,11 +248,11 @@ TEST_F(MessageServiceTest, NobodyIsReadTwiceBeforeTheOthersWereReadOnce) {
     for (int n = 0; n < 5; ++n) ASSERT_TRUE(sendNumber(greedy.get(), n, MSG_DONTWAIT));
     ASSERT_TRUE(sendNumber(modest.get(), 100));
     gate.set_value();
-    ASSERT_TRUE(recorder_.waitForCount(Kind::dictionary, 6));
+    ASSERT_TRUE(recorder_.waitForCount(Event::dictionary, 6));
     std::size_t ofGreedyBefore = 0;
     for (const auto& event : recorder_.events()) {
-        if (event.kind == Kind::dictionary && event.source == 2) break;
-        ofGreedyBefore += event.kind == Kind::dictionary;
+        if (event.kind == Event::dictionary && event.source == 2) break;
+        ofGreedyBefore += event.kind == Event::dictionary;
     }
     EXPECT_LE(ofGreedyBefore, 1u);
 }
@@ -267,11 +267,11 @@ TEST_F(MessageServiceTest, ConnectionsPastTheBoundAreClosedAndCounted) {
         EXPECT_TRUE(tests::waitForHangUp(refused.get()));
     }
     EXPECT_EQ(counter("refusedFull"), 3u);
-    EXPECT_EQ(recorder_.count(Kind::newConnection), 3u);
+    EXPECT_EQ(recorder_.count(Event::newConnection), 3u);
     EXPECT_EQ(log_.texts("platform").size(), 2u) << "said at the first and the second only";
     // One that goes makes room.
     sockets.pop_back();
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 1));
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 1));
     sockets.push_back(connected());
     EXPECT_EQ(counter("connections"), 3u);
 }
@@ -321,11 +321,11 @@ TEST_F(MessageServiceTest, AFailedListenerIsToldWithPidZero) {
     ASSERT_GE(listening, 0);
     shutdown(listening, SHUT_RDWR);
     gate.set_value();
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 1));
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 1));
     EXPECT_EQ(recorder_.events().back().source, 0u);
     EXPECT_EQ(recorder_.events().back().pid, 0);
     ASSERT_TRUE(sendNumber(early.get(), 1));
-    EXPECT_TRUE(recorder_.waitForCount(Kind::dictionary, 1)) << "connections outlive their listener";
+    EXPECT_TRUE(recorder_.waitForCount(Event::dictionary, 1)) << "connections outlive their listener";
 }
 
 TEST_F(MessageServiceTest, ALotOfClientsComingAndGoingLeaveNothingBehind) {
@@ -336,8 +336,8 @@ TEST_F(MessageServiceTest, ALotOfClientsComingAndGoingLeaveNothingBehind) {
         for (int n = 0; n < 20; ++n) sockets.push_back(connectTo(path()));
         for (const Descriptor& socket : sockets) ASSERT_TRUE(sendNumber(socket.get(), 1));
     }
-    ASSERT_TRUE(recorder_.waitForCount(Kind::errorConnectionInvalid, 400));
-    EXPECT_EQ(recorder_.count(Kind::dictionary), 400u);
+    ASSERT_TRUE(recorder_.waitForCount(Event::errorConnectionInvalid, 400));
+    EXPECT_EQ(recorder_.count(Event::dictionary), 400u);
     EXPECT_EQ(counter("connections"), 0u);
     hold().set_value();
     EXPECT_EQ(tests::openDescriptors(), before);

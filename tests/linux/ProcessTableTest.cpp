@@ -77,17 +77,17 @@ std::uint64_t threadClockNs() {
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-struct Work {
+struct ThreadWork {
     QosClass qosClass;
     int policy;
     int nice;
 };
-constexpr std::array<Work, 6> kWorks{{{QosClass::maintenance, SCHED_IDLE, 0},
-                                      {QosClass::background, SCHED_OTHER, 12},
-                                      {QosClass::utility, SCHED_BATCH, 0},
-                                      {QosClass::legacy, SCHED_OTHER, 0},
-                                      {QosClass::userInitiated, SCHED_OTHER, -5},
-                                      {QosClass::userInteractive, SCHED_RR, 0}}};
+constexpr std::array<ThreadWork, 6> kWorks{{{QosClass::maintenance, SCHED_IDLE, 0},
+                                            {QosClass::background, SCHED_OTHER, 12},
+                                            {QosClass::utility, SCHED_BATCH, 0},
+                                            {QosClass::legacy, SCHED_OTHER, 0},
+                                            {QosClass::userInitiated, SCHED_OTHER, -5},
+                                            {QosClass::userInteractive, SCHED_RR, 0}}};
 constexpr std::size_t kLegacy = 3;
 static_assert(kWorks[kLegacy].qosClass == QosClass::legacy);
 constexpr std::uint64_t kBurnMs = 300;
@@ -131,7 +131,7 @@ private:
         }).join();
         for (std::size_t i = 0; i < kWorks.size(); ++i) {
             std::thread([i] {
-                const Work& work = kWorks[i];
+                const ThreadWork& work = kWorks[i];
                 sched_param parameters{};
                 parameters.sched_priority = work.policy == SCHED_RR ? 1 : 0;
                 const bool scheduled =

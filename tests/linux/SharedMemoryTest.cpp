@@ -19,7 +19,7 @@ namespace {
 
 using tests::makeMemory;
 
-constexpr std::uint64_t kPage = 4096;
+constexpr std::uint64_t kPageBytes = 4096;
 
 class MappedRegionsTest : public testing::Test {
 protected:
@@ -83,32 +83,32 @@ TEST_F(MappedRegionsTest, HugePagesAreNotMappedThoughTheyTakeTheSeal) {
 }
 
 TEST_F(MappedRegionsTest, ASealedMemoryCannotBeTakenAwayAndAHolePunchedIntoItReadsZeros) {
-    const Descriptor memory = makeMemory(2 * kPage);
+    const Descriptor memory = makeMemory(2 * kPageBytes);
     const std::uint8_t seven = 7;
-    ASSERT_EQ(pwrite(memory.get(), &seven, 1, kPage), 1);
+    ASSERT_EQ(pwrite(memory.get(), &seven, 1, kPageBytes), 1);
     const SharedMemoryMapping mapping = regions_.map(memory.get());
     EXPECT_EQ(ftruncate(memory.get(), 0), -1);
-    ASSERT_EQ(fallocate(memory.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 2 * kPage), 0);
-    EXPECT_TRUE(survivesRead(mapping, kPage));
-    EXPECT_EQ(static_cast<std::uint8_t*>(mapping.address)[kPage], 0);
+    ASSERT_EQ(fallocate(memory.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 2 * kPageBytes), 0);
+    EXPECT_TRUE(survivesRead(mapping, kPageBytes));
+    EXPECT_EQ(static_cast<std::uint8_t*>(mapping.address)[kPageBytes], 0);
     regions_.unmap(mapping.address, mapping.length);
 }
 
 TEST_F(MappedRegionsTest, GrowingLaterDoesNotGrowTheMapping) {
-    const Descriptor memory = makeMemory(kPage);
+    const Descriptor memory = makeMemory(kPageBytes);
     const SharedMemoryMapping mapping = regions_.map(memory.get());
-    ASSERT_EQ(ftruncate(memory.get(), 4 * kPage), 0);
-    EXPECT_EQ(mapping.length, kPage);
-    EXPECT_TRUE(survivesRead(mapping, kPage - 1));
-    EXPECT_FALSE(survivesRead(mapping, kPage));
+    ASSERT_EQ(ftruncate(memory.get(), 4 * kPageBytes), 0);
+    EXPECT_EQ(mapping.length, kPageBytes);
+    EXPECT_TRUE(survivesRead(mapping, kPageBytes - 1));
+    EXPECT_FALSE(survivesRead(mapping, kPageBytes));
     regions_.unmap(mapping.address, mapping.length);
 }
 
 TEST_F(MappedRegionsTest, AThousandFaultsAreSurvivedAndCounted) {
-    const SharedMemoryMapping mapping = regions_.map(makeMemory(kPage).get());
+    const SharedMemoryMapping mapping = regions_.map(makeMemory(kPageBytes).get());
     const std::uint64_t before = regions_.counters().faults;
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_FALSE(survivesRead(mapping, kPage));
+        ASSERT_FALSE(survivesRead(mapping, kPageBytes));
         ASSERT_TRUE(survivesRead(mapping, 0));
     }
     EXPECT_EQ(regions_.counters().faults - before, 1000u);
@@ -116,18 +116,18 @@ TEST_F(MappedRegionsTest, AThousandFaultsAreSurvivedAndCounted) {
 }
 
 TEST_F(MappedRegionsTest, BytesMappedInAllAreBounded) {
-    MappedRegions small(3 * kPage);
-    const Descriptor memory = makeMemory(kPage + 1);  // two pages
+    MappedRegions small(3 * kPageBytes);
+    const Descriptor memory = makeMemory(kPageBytes + 1);  // two pages
     const SharedMemoryMapping first = small.map(memory.get());
     EXPECT_NE(first.address, nullptr);
     EXPECT_EQ(small.map(memory.get()).address, nullptr);
-    const SharedMemoryMapping onePage = small.map(makeMemory(kPage).get());
+    const SharedMemoryMapping onePage = small.map(makeMemory(kPageBytes).get());
     EXPECT_NE(onePage.address, nullptr);
     EXPECT_EQ(small.map(makeMemory(1).get()).address, nullptr);
     EXPECT_EQ(small.counters().refusedFull, 2u);
-    EXPECT_EQ(small.counters().mappedBytes, 3 * kPage);
+    EXPECT_EQ(small.counters().mappedBytes, 3 * kPageBytes);
     small.unmap(first.address, first.length);
-    EXPECT_EQ(small.counters().mappedBytes, kPage);
+    EXPECT_EQ(small.counters().mappedBytes, kPageBytes);
     EXPECT_NE(small.map(memory.get()).address, nullptr);
     EXPECT_EQ(MappedRegions::kMaximumMappedBytes, 256u * 1024 * 1024);
 }
@@ -136,10 +136,10 @@ TEST_F(MappedRegionsTest, MappingsGoWithTheService) {
     SharedMemoryMapping mapping;
     {
         MappedRegions shortLived;
-        mapping = shortLived.map(makeMemory(kPage).get());
+        mapping = shortLived.map(makeMemory(kPageBytes).get());
     }
     unsigned char resident = 0;
-    EXPECT_EQ(mincore(mapping.address, kPage, &resident), -1);
+    EXPECT_EQ(mincore(mapping.address, kPageBytes, &resident), -1);
     EXPECT_EQ(errno, ENOMEM);
 }
 

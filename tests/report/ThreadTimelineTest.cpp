@@ -13,26 +13,27 @@ using tests::switched;
 using tests::woken;
 using namespace thread_state;
 
-constexpr std::int32_t kHung = 10;
+constexpr std::int32_t kThread = 10;
 constexpr std::int32_t kOther = 20;
-constexpr Interval kWindow{1000, 2000};
+constexpr Interval kAsked{1000, 2000};
 constexpr Interval kCovered{500, 5000};
 
-ThreadTimeline timelineOf(const std::vector<SchedEvent>& events, const ThreadHints& hints = {},
-                          const Interval& covered = kCovered) {
-    ThreadTimelineBuilder builder(kHung);
+ThreadTimeline builtFrom(const std::vector<SchedEvent>& events, const ThreadHints& hints = {},
+                         const Interval& covered = kCovered) {
+    ThreadTimelineBuilder builder(kThread);
     for (const SchedEvent& event : events) builder.add(event);
-    const ThreadTimeline timeline = builder.finish(kWindow, covered, hints);
+    const ThreadTimeline timeline = builder.finish(kAsked, covered, hints);
     std::uint64_t sum = 0;
     for (const std::uint64_t time : timeline.timeNs) sum += time;
-    EXPECT_EQ(sum, kWindow.length()) << "the times must add up to the window";
+    EXPECT_EQ(sum, kAsked.length()) << "the times must add up to the window";
     return timeline;
 }
 
 TEST(ThreadTimeline, SumsUpRunningWaitingForACpuAndSleeping) {
-    const auto timeline = timelineOf({switched(900, kOther, 0, kHung), switched(1200, kHung, 0, kOther),
-                                      switched(1300, kOther, 0, kHung), switched(1500, kHung, kInterruptible, kOther),
-                                      woken(1700, kOther, kHung), switched(1750, kOther, 0, kHung)});
+    const auto timeline =
+        builtFrom({switched(900, kOther, 0, kThread), switched(1200, kThread, 0, kOther),
+                   switched(1300, kOther, 0, kThread), switched(1500, kThread, kInterruptible, kOther),
+                   woken(1700, kOther, kThread), switched(1750, kOther, 0, kThread)});
     EXPECT_EQ(timeline.at(Activity::running), 200U + 200 + 250);
     EXPECT_EQ(timeline.at(Activity::runnable), 100U + 50);
     EXPECT_EQ(timeline.at(Activity::sleeping), 200U);
@@ -42,68 +43,68 @@ TEST(ThreadTimeline, SumsUpRunningWaitingForACpuAndSleeping) {
 
 // Some kernels record no switch of a CPU that leaves idling.
 SchedEvent leftAnIdleCpu(std::uint64_t timeNs, std::uint32_t state, std::uint64_t idleSinceNs) {
-    SchedEvent event = switched(timeNs, kHung, state, 0);
+    SchedEvent event = switched(timeNs, kThread, state, 0);
     event.idleSinceNs = idleSinceNs;
     return event;
 }
 
 SchedEvent wokenForCpu(std::uint64_t timeNs, std::int32_t cpu) {
-    SchedEvent event = woken(timeNs, kOther, kHung);
+    SchedEvent event = woken(timeNs, kOther, kThread);
     event.targetCpu = cpu;
     return event;
 }
 
 TEST(ThreadTimeline, AThreadThatLeavesAnIdleCpuHadComeToItUnseen) {
-    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0), woken(1300, kOther, kHung),
-                                      leftAnIdleCpu(1700, kInterruptible, 1100)});
+    const auto timeline = builtFrom({switched(1100, kThread, kInterruptible, 0), woken(1300, kOther, kThread),
+                                     leftAnIdleCpu(1700, kInterruptible, 1100)});
     EXPECT_EQ(timeline.at(Activity::running), 100U + 400);
     EXPECT_EQ(timeline.at(Activity::runnable), 0U);
     EXPECT_EQ(timeline.at(Activity::sleeping), 200U + 300);
 }
 
 TEST(ThreadTimeline, ItCameNoEarlierThanTheCpuWasIdle) {
-    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0), woken(1300, kOther, kHung),
-                                      leftAnIdleCpu(1700, kInterruptible, 1500)});
+    const auto timeline = builtFrom({switched(1100, kThread, kInterruptible, 0), woken(1300, kOther, kThread),
+                                     leftAnIdleCpu(1700, kInterruptible, 1500)});
     EXPECT_EQ(timeline.at(Activity::running), 100U + 200);
     EXPECT_EQ(timeline.at(Activity::runnable), 200U);
 }
 
 TEST(ThreadTimeline, AThreadThatLeavesABusyCpuUnseenWaitedForIt) {
-    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0), woken(1300, kOther, kHung),
-                                      switched(1700, kHung, kInterruptible, 0)});
+    const auto timeline = builtFrom({switched(1100, kThread, kInterruptible, 0), woken(1300, kOther, kThread),
+                                     switched(1700, kThread, kInterruptible, 0)});
     EXPECT_EQ(timeline.at(Activity::running), 100U);
     EXPECT_EQ(timeline.at(Activity::runnable), 400U);
 }
 
 TEST(ThreadTimeline, WokenForAnIdleCpuThatNeverSwitchesAgainItRuns) {
     const auto events = [](std::int32_t cpu) {
-        return std::vector<SchedEvent>{switched(1100, kHung, kInterruptible, 0), wokenForCpu(1300, cpu)};
+        return std::vector<SchedEvent>{switched(1100, kThread, kInterruptible, 0), wokenForCpu(1300, cpu)};
     };
     const std::int32_t idle = static_cast<std::int32_t>(events(0).front().cpu);
-    EXPECT_EQ(timelineOf(events(idle)).at(Activity::running), 100U + 700);
-    EXPECT_EQ(timelineOf(events(idle + 1)).at(Activity::runnable), 700U);
+    EXPECT_EQ(builtFrom(events(idle)).at(Activity::running), 100U + 700);
+    EXPECT_EQ(builtFrom(events(idle + 1)).at(Activity::runnable), 700U);
 }
 
 TEST(ThreadTimeline, ACpuDoesNotStayIdleWithAThreadInItsLine) {
     const auto woken =
-        timelineOf({switched(1100, kHung, kInterruptible, 0), wokenForCpu(1300, 0), switched(1400, kOther, 0, 0)});
+        builtFrom({switched(1100, kThread, kInterruptible, 0), wokenForCpu(1300, 0), switched(1400, kOther, 0, 0)});
     EXPECT_EQ(woken.at(Activity::runnable), 100U);
     EXPECT_EQ(woken.at(Activity::running), 100U + 600);
-    const auto pushedOff = timelineOf({switched(1100, kHung, 0, kOther), switched(1400, kOther, kInterruptible, 0)});
+    const auto pushedOff = builtFrom({switched(1100, kThread, 0, kOther), switched(1400, kOther, kInterruptible, 0)});
     EXPECT_EQ(pushedOff.at(Activity::runnable), 300U);
     EXPECT_EQ(pushedOff.at(Activity::running), 100U + 600);
 }
 
 TEST(ThreadTimeline, InTheLineOfACpuThatRunsOthersItWaits) {
-    const auto timeline = timelineOf({switched(1100, kHung, 0, kOther), switched(1400, kOther, 0, kOther + 1)});
+    const auto timeline = builtFrom({switched(1100, kThread, 0, kOther), switched(1400, kOther, 0, kOther + 1)});
     EXPECT_EQ(timeline.at(Activity::runnable), 900U);
 }
 
 TEST(ThreadTimeline, EachStateOfTheKernelIsOneActivity) {
     const auto doing = [](std::uint32_t state) {
-        const auto timeline = timelineOf({switched(1000, kHung, state, kOther)});
+        const auto timeline = builtFrom({switched(1000, kThread, state, kOther)});
         for (std::size_t at = 0; at < kActivities; ++at) {
-            if (timeline.timeNs[at] == kWindow.length()) return static_cast<Activity>(at);
+            if (timeline.timeNs[at] == kAsked.length()) return static_cast<Activity>(at);
         }
         return Activity::unknown;
     };
@@ -119,52 +120,52 @@ TEST(ThreadTimeline, EachStateOfTheKernelIsOneActivity) {
 }
 
 TEST(ThreadTimeline, AThreadThatLeavesFirstRanBefore) {
-    EXPECT_EQ(timelineOf({switched(1400, kHung, kInterruptible, 0)}).at(Activity::running), 400U);
+    EXPECT_EQ(builtFrom({switched(1400, kThread, kInterruptible, 0)}).at(Activity::running), 400U);
 }
 
 TEST(ThreadTimeline, AThreadThatIsWokenFirstSleptBefore) {
-    EXPECT_EQ(timelineOf({woken(1400, kOther, kHung)}).at(Activity::sleeping), 400U);
+    EXPECT_EQ(builtFrom({woken(1400, kOther, kThread)}).at(Activity::sleeping), 400U);
 }
 
 TEST(ThreadTimeline, AThreadThatComesFirstWaitedForACpuBefore) {
-    const auto timeline = timelineOf({switched(1400, kOther, 0, kHung)});
+    const auto timeline = builtFrom({switched(1400, kOther, 0, kThread)});
     EXPECT_EQ(timeline.at(Activity::runnable), 400U);
     EXPECT_EQ(timeline.at(Activity::running), 600U);
 }
 
 TEST(ThreadTimeline, AThreadWithoutAnyEventIsInTheStateInWhichItLeft) {
-    const auto timeline = timelineOf({}, {.leftNs = 700, .leftState = kInterruptible});
-    EXPECT_EQ(timeline.at(Activity::sleeping), kWindow.length());
+    const auto timeline = builtFrom({}, {.leftNs = 700, .leftState = kInterruptible});
+    EXPECT_EQ(timeline.at(Activity::sleeping), kAsked.length());
     ASSERT_TRUE(timeline.ongoing);
     EXPECT_EQ(timeline.ongoing->interval.beginNs, 700U);
 }
 
 TEST(ThreadTimeline, AThreadThatWasPushedOutAndNeverCameBackStarves) {
-    EXPECT_EQ(timelineOf({}, {.leftNs = 700, .leftState = 0}).at(Activity::runnable), kWindow.length());
+    EXPECT_EQ(builtFrom({}, {.leftNs = 700, .leftState = 0}).at(Activity::runnable), kAsked.length());
 }
 
 TEST(ThreadTimeline, WithoutAnyEventTheStateAtTheDumpHeldAllTheTime) {
-    EXPECT_EQ(timelineOf({}, {.leftNs = {}, .leftState = kUninterruptible}).at(Activity::uninterruptible),
-              kWindow.length());
+    EXPECT_EQ(builtFrom({}, {.leftNs = {}, .leftState = kUninterruptible}).at(Activity::uninterruptible),
+              kAsked.length());
 }
 
 TEST(ThreadTimeline, ThatItCouldRunAtTheDumpDoesNotTellWhetherItRan) {
-    EXPECT_EQ(timelineOf({}, {.leftNs = {}, .leftState = 0}).at(Activity::unknown), kWindow.length());
+    EXPECT_EQ(builtFrom({}, {.leftNs = {}, .leftState = 0}).at(Activity::unknown), kAsked.length());
 }
 
 TEST(ThreadTimeline, NothingIsKnownOutsideOfWhatTheRecorderHeld) {
-    const auto timeline = timelineOf({switched(900, kOther, 0, kHung)}, {}, {1250, 1900});
+    const auto timeline = builtFrom({switched(900, kOther, 0, kThread)}, {}, {1250, 1900});
     EXPECT_EQ(timeline.at(Activity::running), 650U);
     EXPECT_EQ(timeline.at(Activity::unknown), 350U);
 }
 
 TEST(ThreadTimeline, NothingAtAllIsKnownWithoutARecorder) {
-    EXPECT_EQ(timelineOf({}, {.leftNs = {}, .leftState = kInterruptible}, {}).at(Activity::unknown), kWindow.length());
+    EXPECT_EQ(builtFrom({}, {.leftNs = {}, .leftState = kInterruptible}, {}).at(Activity::unknown), kAsked.length());
 }
 
 TEST(ThreadTimeline, AWakeUpAfterTheHangEndsItsLastWait) {
-    const auto timeline =
-        timelineOf({switched(1100, kHung, kInterruptible, 0), woken(2500, kOther, kHung), switched(2600, 0, 0, kHung)});
+    const auto timeline = builtFrom(
+        {switched(1100, kThread, kInterruptible, 0), woken(2500, kOther, kThread), switched(2600, 0, 0, kThread)});
     EXPECT_EQ(timeline.at(Activity::sleeping), 900U);
     ASSERT_EQ(timeline.longestWaits.size(), 1U);
     const Wait& wait = timeline.longestWaits[0];
@@ -177,51 +178,51 @@ TEST(ThreadTimeline, AWakeUpAfterTheHangEndsItsLastWait) {
 }
 
 TEST(ThreadTimeline, AWaitThatNeverEndsIsOngoing) {
-    const auto timeline = timelineOf({switched(1100, kHung, kInterruptible, 0)});
+    const auto timeline = builtFrom({switched(1100, kThread, kInterruptible, 0)});
     ASSERT_TRUE(timeline.ongoing);
     EXPECT_FALSE(timeline.ongoing->hasEnded);
     EXPECT_EQ(timeline.ongoing->inWindowNs, 900U);
 }
 
 TEST(ThreadTimeline, WokenBetweenDecidingToSleepAndLeavingIsNoSleep) {
-    const auto timeline = timelineOf({switched(1000, 0, 0, kHung), woken(1499, kOther, kHung),
-                                      switched(1500, kHung, kInterruptible, 0), switched(1600, 0, 0, kHung)});
+    const auto timeline = builtFrom({switched(1000, 0, 0, kThread), woken(1499, kOther, kThread),
+                                     switched(1500, kThread, kInterruptible, 0), switched(1600, 0, 0, kThread)});
     EXPECT_EQ(timeline.at(Activity::sleeping), 0U);
     EXPECT_EQ(timeline.at(Activity::runnable), 100U);
 }
 
 TEST(ThreadTimeline, AWakeUpWhileItRanDoesNotHideALaterSleep) {
-    const auto timeline =
-        timelineOf({switched(1000, 0, 0, kHung), woken(1100, kOther, kHung), switched(1500, kHung, kInterruptible, 0),
-                    woken(1700, kOther, kHung), switched(1800, 0, 0, kHung)});
+    const auto timeline = builtFrom({switched(1000, 0, 0, kThread), woken(1100, kOther, kThread),
+                                     switched(1500, kThread, kInterruptible, 0), woken(1700, kOther, kThread),
+                                     switched(1800, 0, 0, kThread)});
     EXPECT_EQ(timeline.at(Activity::sleeping), 200U);
     EXPECT_EQ(timeline.at(Activity::runnable), 100U);
 }
 
 TEST(ThreadTimeline, ASecondWakeUpOfAWokenThreadChangesNothing) {
-    const auto timeline = timelineOf({switched(1000, kHung, kInterruptible, 0), woken(1400, kOther, kHung),
-                                      woken(1500, 30, kHung), switched(1600, 0, 0, kHung)});
+    const auto timeline = builtFrom({switched(1000, kThread, kInterruptible, 0), woken(1400, kOther, kThread),
+                                     woken(1500, 30, kThread), switched(1600, 0, 0, kThread)});
     EXPECT_EQ(timeline.at(Activity::sleeping), 400U);
     EXPECT_EQ(timeline.wakers.size(), 1U);
     EXPECT_EQ(timeline.wakers.begin()->first.tid, kOther);
 }
 
 TEST(ThreadTimeline, EventsOfDifferentCpusMayComeInAnyOrder) {
-    const auto inOrder = std::vector{switched(1000, 0, 0, kHung), switched(1200, kHung, 0, kOther),
-                                     switched(1400, 30, 0, kHung), switched(1900, kHung, kInterruptible, 30)};
+    const auto inOrder = std::vector{switched(1000, 0, 0, kThread), switched(1200, kThread, 0, kOther),
+                                     switched(1400, 30, 0, kThread), switched(1900, kThread, kInterruptible, 30)};
     const auto shuffled = std::vector{inOrder[2], inOrder[3], inOrder[0], inOrder[1]};
-    EXPECT_EQ(timelineOf(shuffled).timeNs, timelineOf(inOrder).timeNs);
+    EXPECT_EQ(builtFrom(shuffled).timeNs, builtFrom(inOrder).timeNs);
 }
 
 TEST(ThreadTimeline, KeepsTheLongestWaitsOfVeryMany) {
     std::vector<SchedEvent> events;
-    ThreadTimelineBuilder builder(kHung);
+    ThreadTimelineBuilder builder(kThread);
     std::uint64_t time = 0;
     for (std::uint64_t length = 1; length <= 500; ++length) {
-        builder.add(switched(time, kHung, kInterruptible, 0));
+        builder.add(switched(time, kThread, kInterruptible, 0));
         time += length;
-        builder.add(woken(time, kOther, kHung));
-        builder.add(switched(time, 0, 0, kHung));
+        builder.add(woken(time, kOther, kThread));
+        builder.add(switched(time, 0, 0, kThread));
         time += 5;
     }
     const ThreadTimeline timeline = builder.finish({0, time}, {0, time});
@@ -233,11 +234,11 @@ TEST(ThreadTimeline, KeepsTheLongestWaitsOfVeryMany) {
 
 TEST(ThreadTimeline, MoreEventsThanTheLimitMakeItUnknown) {
     for (const std::size_t extra : {std::size_t{0}, std::size_t{1}}) {
-        ThreadTimelineBuilder builder(kHung);
+        ThreadTimelineBuilder builder(kThread);
         for (std::size_t at = 0; at < ThreadTimelineBuilder::kMostEvents + extra; ++at) {
-            builder.add(woken(1000, kOther, kHung));
+            builder.add(woken(1000, kOther, kThread));
         }
-        EXPECT_EQ(builder.finish(kWindow, kCovered).tooManyEvents, extra == 1);
+        EXPECT_EQ(builder.finish(kAsked, kCovered).tooManyEvents, extra == 1);
     }
 }
 
@@ -254,7 +255,7 @@ TEST(ThreadTimeline, AgreesWithACountOfEveryTickOfRandomLives) {
         std::vector<Activity> truth;
         std::vector<SchedEvent> events;
         Activity now = Activity::running;
-        events.push_back(switched(0, kOther, 0, kHung));
+        events.push_back(switched(0, kOther, 0, kThread));
         while (truth.size() < kEnd) {
             truth.insert(truth.end(), 1 + below(below(2) == 0 ? 20 : 400), now);
             const std::uint64_t time = truth.size();
@@ -263,20 +264,20 @@ TEST(ThreadTimeline, AgreesWithACountOfEveryTickOfRandomLives) {
                 constexpr Activity kMeaning[] = {Activity::runnable, Activity::sleeping, Activity::uninterruptible,
                                                  Activity::stopped, Activity::stopped};
                 const std::uint32_t choice = below(std::size(kStates));
-                events.push_back(switched(time, kHung, kStates[choice], kOther));
+                events.push_back(switched(time, kThread, kStates[choice], kOther));
                 now = kMeaning[choice];
             } else if (now == Activity::runnable) {
-                events.push_back(switched(time, kOther, 0, kHung));
+                events.push_back(switched(time, kOther, 0, kThread));
                 now = Activity::running;
             } else {
-                events.push_back(woken(time, kOther, kHung));
+                events.push_back(woken(time, kOther, kThread));
                 now = Activity::runnable;
             }
         }
         const std::uint64_t one = below(kEnd), other = below(kEnd);
         const Interval window{std::min(one, other), std::max(one, other) + 1};
         const Interval covered{below(kEnd), kEnd};
-        ThreadTimelineBuilder builder(kHung);
+        ThreadTimelineBuilder builder(kThread);
         // What the ring has lost of the past: events before what it covers, but for the last one.
         std::size_t first = 0;
         while (first + 1 < events.size() && events[first + 1].timeNs <= covered.beginNs) ++first;
