@@ -21,7 +21,8 @@ SUITE = "bookworm"
 SERVICE, SOCKET = "quorvixd.service", "quorvixd.socket"
 PATH_UNITS = ("quorvixd.path", "quorvixd-activations.path", "quorvixd-profile.path")
 UNITS = (SERVICE, *PATH_UNITS, SOCKET)
-HELPER_UNITS = ("quorvixd-prune.timer", "quorvixd-prune.service", "quorvixd-reports.path", "quorvixd-reports.service")
+RECORDER = "quorvixd-recorder.service"
+HELPER_UNITS = (RECORDER, "quorvixd-prune.timer", "quorvixd-prune.service", "quorvixd-reports.path", "quorvixd-reports.service")
 PREFERENCES = "/var/mobile/Library/Preferences"
 CACHES = "/var/root/Library/Caches/quorvixd"
 SPOOL = CACHES + "/spool"
@@ -164,7 +165,7 @@ class Machine:
     def show(self, unit):
         """The unit's properties, as far as the tests look at them."""
         names = ("ActiveState,SubState,Result,NRestarts,ExecMainStatus,ExecMainCode,MainPID,Type,StatusText,"
-                 "LogRateLimitIntervalUSec,ActiveEnterTimestampMonotonic,InvocationID,UnitFileState")
+                 "LogRateLimitIntervalUSec,ActiveEnterTimestampMonotonic,InvocationID,UnitFileState,ConditionResult")
         return dict(line.split("=", 1) for line in self.must("systemctl", "show", "-p", names, unit).splitlines())
 
     def ctl(self, *arguments):

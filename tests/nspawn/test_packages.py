@@ -12,7 +12,7 @@ import tempfile
 import time
 import unittest
 
-from machine import HELPER_UNITS, MEMORY_REPORTS, PATH_UNITS, PREFERENCES, SERVICE, SOCKET, SPOOL, wait_until
+from machine import HELPER_UNITS, MEMORY_REPORTS, PATH_UNITS, PREFERENCES, RECORDER, SERVICE, SOCKET, SPOOL, wait_until
 
 MACHINE = None  # set by run.py
 BEFORE = set()  # the machine's files before anything was installed
@@ -117,10 +117,12 @@ class Packages(unittest.TestCase):
 
     def test_02_what_the_preset_names_is_switched_on_and_nothing_else(self):
         enabled = {unit: MACHINE.show(unit)["UnitFileState"]
-                   for unit in (SERVICE, *PATH_UNITS, SOCKET, "quorvixd-prune.timer", "quorvixd-reports.path")}
+                   for unit in (SERVICE, RECORDER, *PATH_UNITS, SOCKET, "quorvixd-prune.timer", "quorvixd-reports.path")}
         self.assertEqual(enabled, {**dict.fromkeys(enabled, "enabled"), SOCKET: "disabled"})
         for unit in (*PATH_UNITS, "quorvixd-prune.timer", "quorvixd-reports.path"):
             self.assertEqual(MACHINE.show(unit)["ActiveState"], "active", unit)
+        # The flight recorder is not for containers.
+        self.assertEqual((MACHINE.show(RECORDER)["ActiveState"], MACHINE.show(RECORDER)["ConditionResult"]), ("inactive", "no"))
         preset = MACHINE.must("cat", "/usr/lib/systemd/system-preset/50-quorvixd.preset")
         for unit, state in enabled.items():
             self.assertIn(f"{'enable' if state == 'enabled' else 'disable'} {unit}\n", preset)
