@@ -18,6 +18,7 @@
  *   - one watch is used by one thread at a time (begin and end of a watch from two threads at once mix their times);
  *   - a message that is being built belongs to one thread;
  *   - nothing but quorvix_begin and quorvix_end may be called from a signal handler.
+ *
  * No function waits for the daemon or for the disk; quorvix_stop waits for the library's own thread, which never waits
  * for anybody. The library has one thread, "quorvix", that blocks all signals; it never calls into the app.
  *
@@ -194,7 +195,7 @@ struct quorvix_hang {
  * Reports a hang that is over.
  *
  * @param hang  read during the call only
- * @return 0 when queued, else an errno value: see above.
+ * @return 0 when queued, else ENOTCONN, EINVAL, E2BIG, ENOMEM or ENOBUFS, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_report_hang(const struct quorvix_hang* hang);
 
@@ -203,7 +204,7 @@ QUORVIX_PUBLIC int quorvix_report_hang(const struct quorvix_hang* hang);
  * remembers the last five fences of the whole device.
  *
  * @param name  any number that the app chooses
- * @return 0 when queued, else an errno value: see above.
+ * @return 0 when queued, else ENOTCONN, ENOMEM or ENOBUFS, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_fence_begin(int64_t name);
 
@@ -211,7 +212,7 @@ QUORVIX_PUBLIC int quorvix_fence_begin(int64_t name);
  * A fence ends.
  *
  * @param name  the number that it began with
- * @return 0 when queued, else an errno value: see above.
+ * @return 0 when queued, else ENOTCONN, ENOMEM or ENOBUFS, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_fence_end(int64_t name);
 
@@ -225,7 +226,7 @@ struct quorvix_fence_span {
  * Says that a fence was overrun.
  *
  * @param span  read during the call only
- * @return 0 when queued, else an errno value: see above.
+ * @return 0 when queued, else ENOTCONN, EINVAL, ENOMEM or ENOBUFS, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_fence_blown(const struct quorvix_fence_span* span);
 
@@ -254,7 +255,7 @@ struct quorvix_activation_begin {
  * Reports that an activation began.
  *
  * @param activation  read during the call only
- * @return 0 when queued, else an errno value: see above.
+ * @return 0 when queued, else ENOTCONN, EINVAL, E2BIG, ENOMEM or ENOBUFS, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_report_activation_begin(const struct quorvix_activation_begin* activation);
 
@@ -271,7 +272,7 @@ struct quorvix_activation_end {
  * Reports that an activation ended.
  *
  * @param activation  read during the call only
- * @return 0 when queued, else an errno value: see above.
+ * @return 0 when queued, else ENOTCONN, EINVAL, E2BIG, ENOMEM or ENOBUFS, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_report_activation_end(const struct quorvix_activation_end* activation);
 
@@ -321,7 +322,7 @@ QUORVIX_PUBLIC void quorvix_message_destroy(struct quorvix_message* message);
  * @param message  a message under construction
  * @param key      UTF-8; copied
  * @param value    any number
- * @return 0, or an errno value: see above.
+ * @return 0, or EINVAL, EEXIST, E2BIG or ENOMEM, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_message_set_int64(struct quorvix_message* message, const char* key, int64_t value);
 
@@ -331,7 +332,7 @@ QUORVIX_PUBLIC int quorvix_message_set_int64(struct quorvix_message* message, co
  * @param message  a message under construction
  * @param key      UTF-8; copied
  * @param value    any number
- * @return 0, or an errno value: see above.
+ * @return 0, or EINVAL, EEXIST, E2BIG or ENOMEM, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_message_set_uint64(struct quorvix_message* message, const char* key, uint64_t value);
 
@@ -341,7 +342,7 @@ QUORVIX_PUBLIC int quorvix_message_set_uint64(struct quorvix_message* message, c
  * @param message  a message under construction
  * @param key      UTF-8; copied
  * @param text     UTF-8; copied; not NULL
- * @return 0, or an errno value: see above.
+ * @return 0, or EINVAL, EEXIST, E2BIG or ENOMEM, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_message_set_string(struct quorvix_message* message, const char* key, const char* text);
 
@@ -351,7 +352,7 @@ QUORVIX_PUBLIC int quorvix_message_set_string(struct quorvix_message* message, c
  * @param message  a message under construction
  * @param key      UTF-8; copied
  * @param value    true or false
- * @return 0, or an errno value: see above.
+ * @return 0, or EINVAL, EEXIST, E2BIG or ENOMEM, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_message_set_bool(struct quorvix_message* message, const char* key, bool value);
 
@@ -361,7 +362,7 @@ QUORVIX_PUBLIC int quorvix_message_set_bool(struct quorvix_message* message, con
  * @param message     a message under construction
  * @param key         UTF-8; copied
  * @param descriptor  of the memory; it is duplicated, the caller keeps its own
- * @return 0, or an errno value: see above.
+ * @return 0, or EINVAL, EEXIST, E2BIG, EBADF, EMFILE or ENOMEM, as said for all of these.
  */
 QUORVIX_PUBLIC int quorvix_message_set_shared_memory(struct quorvix_message* message, const char* key, int descriptor);
 
