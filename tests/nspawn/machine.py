@@ -28,7 +28,7 @@ CACHES = "/var/root/Library/Caches/quorvixd"
 SPOOL = CACHES + "/spool"
 MEMORY_REPORTS = "/Library/Logs/Faultbox"
 # Everything that waits for the machine ends by then, whatever hangs: its processes are killed.
-LONGEST_RUN_SECONDS = 240
+LONGEST_RUN_SECONDS = 480
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "SYSTEMD_COLORS": "0", "SYSTEMD_PAGER": ""}
 
 
