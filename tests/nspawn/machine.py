@@ -94,7 +94,7 @@ class Machine:
         try:
             subprocess.run(["cp", "-a", "--reflink=auto", str(image), str(folder)], check=True, timeout=120)
             prepare(folder)
-        except (subprocess.SubprocessError, OSError):
+        except BaseException:
             shutil.rmtree(folder, ignore_errors=True)
             raise
         self.leader = None
