@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * A watch for a GLib main loop: everything that the loop dispatches is a unit of work, from the return of one poll to
  * the start of the next. Waiting is not work.
  *
@@ -22,15 +23,24 @@
 extern "C" {
 #endif
 
+/** An attached watch; of quorvix_glib_watch_attach() alone. */
 struct quorvix_glib_watch {
-    GMainContext* context;
-    GPollFunc wrapped;
-    struct quorvix_watch* watch;
+    GMainContext* context;       /**< which is watched */
+    GPollFunc wrapped;           /**< the poll function that it had */
+    struct quorvix_watch* watch; /**< of the thread's work */
 };
 
-/* This thread's attached watch; of this translation unit, so attach and detach belong into the same one. */
+/** This thread's attached watch; of this translation unit, so attach and detach belong into the same one. */
 static __thread struct quorvix_glib_watch* quorvix_glib_current;
 
+/**
+ * The poll function that is put in: what lies between two calls is a unit of work. Not for apps.
+ *
+ * @param descriptors  as for g_poll()
+ * @param count        how many descriptors
+ * @param timeoutMs    how long to wait at most, in milliseconds; negative: without an end
+ * @return what the context's own poll function returned.
+ */
 static inline gint quorvix_glib_poll(GPollFD* descriptors, guint count, gint timeoutMs) {
     struct quorvix_glib_watch* current = quorvix_glib_current;
     /* Another thread iterates the context: nothing to say about that one. */
@@ -41,8 +51,14 @@ static inline gint quorvix_glib_poll(GPollFD* descriptors, guint count, gint tim
     return result;
 }
 
-/* Watches the calling thread's work in this context (NULL: the default one). Returns NULL when this thread has one
- * attached already. */
+/**
+ * Watches the calling thread's work in a context, from its next wait on.
+ *
+ * @param context  of the loop that this thread runs; NULL: the default one
+ * @param name     what kind of work this is, UTF-8; copied
+ * @param flags    0 or #QUORVIX_WATCH_SAVE_REPORT
+ * @return for quorvix_glib_watch_detach(); NULL when this thread has one attached already.
+ */
 static inline struct quorvix_glib_watch* quorvix_glib_watch_attach(GMainContext* context, const char* name,
                                                                    uint32_t flags) {
     if (quorvix_glib_current) return NULL;
@@ -55,7 +71,11 @@ static inline struct quorvix_glib_watch* quorvix_glib_watch_attach(GMainContext*
     return attached;
 }
 
-/* Gives the context its poll function back. On the thread that attached it. NULL is ignored. */
+/**
+ * Gives the context its poll function back. On the thread that attached it, while the loop does not run.
+ *
+ * @param attached  ends here; NULL is ignored
+ */
 static inline void quorvix_glib_watch_detach(struct quorvix_glib_watch* attached) {
     if (!attached) return;
     g_main_context_set_poll_func(attached->context, attached->wrapped);

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * A watch for a Qt event loop: a unit of work starts with the first event that is delivered after the loop has waited,
  * and is done when the loop is about to wait again. A dialog's own loop counts as waiting too.
  *
@@ -21,8 +22,16 @@
 
 namespace quorvix::client {
 
+/** A watch of the application's event loop. On the main thread only, after the application object and before its end.
+ */
 class QtWatch : public QObject {
 public:
+    /**
+     * Begins to watch.
+     *
+     * @param name    what kind of work this is, UTF-8; copied
+     * @param report  whether a hang asks for a trace report
+     */
     explicit QtWatch(const char* name, Report report = Report::kNone) : watch_(name, report) {
         QCoreApplication::instance()->installEventFilter(this);
         connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this, [this] {
@@ -32,6 +41,11 @@ public:
     }
 
 protected:
+    /**
+     * Takes the first event after the loop has waited for the start of a unit of work.
+     *
+     * @return false: every event goes its way.
+     */
     bool eventFilter(QObject*, QEvent*) override {
         if (!std::exchange(isWorking_, true)) watch_.begin();
         return false;

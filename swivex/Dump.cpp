@@ -172,8 +172,13 @@ private:
         attributes_.set("hung_tid", std::int64_t{hungThread_});
     }
 
+    Outcome<std::unique_ptr<Ring>> openUsableRing() const {
+        if (settings_.idsAreTheKernels) return openRing(settings_.recorder);
+        return Problem{"in a process namespace of its own, whose ids are not those of the kernel's events"};
+    }
+
     void readEvents(const Deadline& deadline) {
-        const auto ring = openRing(settings_.recorder);
+        const auto ring = openUsableRing();
         attributes_.set("recorder", ring ? std::string((*ring)->kind()) : std::string("none"));
         Captured captured;
         if (!ring) {

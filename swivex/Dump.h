@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "swivex/ProcessNamespace.h"
 #include "swivex/TraceInstance.h"
 
 namespace quorvix::swivex {
@@ -23,6 +24,8 @@ struct DumpSettings {
     TraceInstance recorder;
     std::string procFolder = "/proc";
     std::string cgroupFolder = "/sys/fs/cgroup";
+    // Events give the kernel's ids: where ours are others, they would tell of the wrong threads.
+    bool idsAreTheKernels = seesTheKernelsIds();
     std::chrono::milliseconds budget = kBudget;
 };
 

@@ -1,12 +1,11 @@
 #include "swivex/stacks/ThreadIterator.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "swivex/Descriptor.h"
+#include "swivex/ProcessNamespace.h"
 #include "swivex/stacks/bpf/ThreadStacksProgram.h"
 
 namespace quorvix::swivex::stacks {
@@ -31,17 +30,6 @@ char stateLetter(const swivex_thread_record& record) {
 }
 
 #ifdef SWIVEX_THREAD_ITERATOR
-
-namespace {
-
-constexpr ino_t kFirstProcessNamespace = 0xEFFFFFFC;
-
-bool seesTheKernelsIds() {
-    struct stat status {};
-    return ::stat("/proc/self/ns/pid", &status) == 0 && status.st_ino == kFirstProcessNamespace;
-}
-
-}  // namespace
 
 void ThreadIterator::Unload::operator()(swivex_thread_stacks* program) const { swivex_thread_stacks_unload(program); }
 

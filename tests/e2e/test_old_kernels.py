@@ -1,5 +1,6 @@
 """On older kernels: with calls taken away by a filter, the next way down leads to the same report."""
 
+import json
 import os
 import subprocess
 import sys
@@ -38,6 +39,24 @@ class OldKernels(harness.DaemonTest):
         daemon.wait_line("Report written: ")
         (report,) = harness.reports()
         self.assertEqual(harness.reason_of(report)["PID"], app.pid)
-        # A peer's end is seen all the same.
+        self.assert_end_is_seen(daemon, app)
+
+    def test_the_trace_library_finds_the_stack_without_the_kernels_help(self):
+        everything = ",".join(old_kernel.MISSING)
+        self.world.install_trace_library("swivex")
+        daemon = self.world.start(prefix=[*FILTER, everything], QuorvixEnableSwivex="true")
+        app = subprocess.Popen([*FILTER, everything, str(harness.BUILD / "bin/quorvix_poll_app"), "300", "hang", "200",
+                                "after", "0.1"], stdout=subprocess.DEVNULL)
+        self.addCleanup(lambda: (app.kill(), app.wait()))
+        daemon.wait_line("Report written: ")
+        (report,) = harness.reports()
+        shown = subprocess.run([harness.BUILD / "bin/quorvixctl", "report", "show", report, "--json"], check=True,
+                               capture_output=True, text=True).stdout
+        functions = [frame.get("symbol", frame["name"]) for frame in json.loads(shown)["stack"] if not frame["kernel"]]
+        self.assertTrue([name for name in functions if "nanosleep" in name], functions)
+        self.assertTrue([name for name in functions if name.startswith("main+")], functions)
+        self.assert_end_is_seen(daemon, app)
+
+    def assert_end_is_seen(self, daemon, app):
         app.kill()
         daemon.wait_line(f"Client disconnected: {app.pid}")

@@ -1,23 +1,34 @@
 """A small Debian under its own service manager, with quorvixd installed in it: made, booted, spoken to and ended here."""
 
+import contextlib
+import json
 import os
 import pathlib
 import shutil
 import signal
+import sqlite3
 import subprocess
+import sys
+import tempfile
 import threading
 import time
 import uuid
 
-# What a bare system lacks for the daemon: the service manager with its bus, and the one shared library it links.
-PACKAGES = "systemd,systemd-sysv,dbus,libpugixml1v5"
+# What a bare system lacks: the service manager with its bus, and the shared libraries that daemon, tool and trace library
+# link.
+PACKAGES = "systemd,systemd-sysv,dbus,libpugixml1v5,libdw1"
 SUITE = "bookworm"
 SERVICE, SOCKET = "quorvixd.service", "quorvixd.socket"
 PATH_UNITS = ("quorvixd.path", "quorvixd-activations.path", "quorvixd-profile.path")
 UNITS = (SERVICE, *PATH_UNITS, SOCKET)
-HELPER_UNITS = ("quorvixd-prune.timer", "quorvixd-prune.service", "quorvixd-reports.path", "quorvixd-reports.service")
+RECORDER = "quorvixd-recorder.service"
+HELPER_UNITS = (RECORDER, "quorvixd-prune.timer", "quorvixd-prune.service", "quorvixd-reports.path", "quorvixd-reports.service")
+PREFERENCES = "/var/mobile/Library/Preferences"
+CACHES = "/var/root/Library/Caches/quorvixd"
+SPOOL = CACHES + "/spool"
+MEMORY_REPORTS = "/Library/Logs/Faultbox"
 # Everything that waits for the machine ends by then, whatever hangs: its processes are killed.
-LONGEST_RUN_SECONDS = 240
+LONGEST_RUN_SECONDS = 480
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "SYSTEMD_COLORS": "0", "SYSTEMD_PAGER": ""}
 
 
@@ -56,12 +67,14 @@ def why_no_image(folder):
     return None
 
 
-def install(build, root):
-    """quorvixd by its own install rules; beside it the app and the stand-in trace library, which are not installed."""
+def install(build, root, stand_in=True):
+    """quorvixd by its own install rules; beside it the apps, which are not installed, and the stand-in for the trace library
+    where it is wanted."""
     subprocess.run(["cmake", "--install", str(build), "--prefix", "/usr"], check=True, stdout=subprocess.DEVNULL,
                    env=dict(os.environ, DESTDIR=str(root)), timeout=60)
     shutil.copy(build / "bin/quorvix_poll_app", root / "usr/bin")
-    shutil.copy(build / "standin/standin_swivex/libswivex.dylib", root / "usr/lib")
+    if stand_in:
+        shutil.copy(build / "standin/standin_swivex/libswivex.dylib", root / "usr/lib")
     # The folder that the node exporter's package brings.
     (root / "var/lib/prometheus/node-exporter").mkdir(parents=True)
     # Not a first boot, which would switch every unit on that has no preset.
@@ -81,7 +94,7 @@ class Machine:
         try:
             subprocess.run(["cp", "-a", "--reflink=auto", str(image), str(folder)], check=True, timeout=120)
             prepare(folder)
-        except (subprocess.SubprocessError, OSError):
+        except BaseException:
             shutil.rmtree(folder, ignore_errors=True)
             raise
         self.leader = None
@@ -137,6 +150,13 @@ class Machine:
             raise AssertionError(f"{' '.join(command)} ended with {result.returncode}: {result.stdout}{result.stderr}")
         return result.stdout
 
+    def fetch(self, address):
+        """What a server inside the machine answers; nothing while there is none. The machine itself has nothing to ask it with."""
+        asking = f"import urllib.request; print(urllib.request.urlopen({address!r}, timeout=5).read().decode())"
+        result = subprocess.run(["nsenter", f"--target={self.leader}", "--net", "--", sys.executable, "-c", asking],
+                                capture_output=True, text=True, stdin=subprocess.DEVNULL, timeout=30, check=False)
+        return result.stdout if result.returncode == 0 else None
+
     def start(self, *command):
         """Starts a process in the machine, which the caller ends."""
         return subprocess.Popen(self._inside(command), env=ENVIRONMENT, stdin=subprocess.DEVNULL,
@@ -145,8 +165,49 @@ class Machine:
     def show(self, unit):
         """The unit's properties, as far as the tests look at them."""
         names = ("ActiveState,SubState,Result,NRestarts,ExecMainStatus,ExecMainCode,MainPID,Type,StatusText,"
-                 "LogRateLimitIntervalUSec,ActiveEnterTimestampMonotonic,InvocationID,UnitFileState")
+                 "LogRateLimitIntervalUSec,ActiveEnterTimestampMonotonic,InvocationID,UnitFileState,ConditionResult")
         return dict(line.split("=", 1) for line in self.must("systemctl", "show", "-p", names, unit).splitlines())
+
+    def ctl(self, *arguments):
+        return self.must("quorvixctl", *arguments)
+
+    def status(self):
+        """The daemon's state; nothing while it is down."""
+        result = self.run("quorvixctl", "status", "--json")
+        return json.loads(result.stdout) if result.returncode == 0 else None
+
+    def watched(self):
+        """The names of the watched processes."""
+        state = self.status()
+        return [process["name"] for process in state["watched"]] if state else []
+
+    def failed_units(self):
+        return self.must("systemctl", "--failed", "--plain", "--no-legend", "list-units", "quorvixd*")
+
+    def start_app(self, unit, *command):
+        """Starts an app as a service of its own, which is gone when it has ended."""
+        self.must("systemd-run", "--quiet", f"--unit={unit}", "--property=CollectMode=inactive-or-failed", *command)
+
+    def journal(self, *matches, since=0):
+        """The entries that match, after the moment `since`."""
+        # Not --after-cursor: together with matches it leaves out one entry too many.
+        self.must("journalctl", "--sync")
+        text = self.must("journalctl", "-o", "json", "--all", "--no-pager", *matches)
+        entries = [json.loads(line) for line in text.splitlines()]
+        return [entry for entry in entries if int(entry["__REALTIME_TIMESTAMP"]) > since]
+
+    def reports(self):
+        return sorted(self.path(SPOOL).glob("*.swivex"))
+
+    @contextlib.contextmanager
+    def counter_store(self):
+        """The store of the counters, opened."""
+        # A copy: the path leads through another file system's root, where the files beside the store are not found.
+        with tempfile.TemporaryDirectory() as folder:
+            for source in self.path("/var/lib/quorvix").glob("tallisk.db*"):
+                shutil.copy(source, folder)
+            with contextlib.closing(sqlite3.connect(f"{folder}/tallisk.db")) as store:
+                yield store
 
     def power_off(self):
         """Ends the machine as its owner would, and gives how long that took; None where it had to be killed."""

@@ -18,6 +18,7 @@ import unittest
 
 import machine
 import test_packages
+import test_recorder
 import test_units
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -68,7 +69,9 @@ def main():
     loader = unittest.TestLoader()
     if arguments.only:
         loader.testNamePatterns = [f"*{arguments.only}*"]
-    plan = [(test_units, lambda root: machine.install(build, root))]
+    test_recorder.BUILD = build
+    plan = [(test_units, lambda root: machine.install(build, root)),
+            (test_recorder, lambda root: machine.install(build, root, stand_in=False))]
     if arguments.packages:
         packages = pathlib.Path(arguments.packages).resolve()
         plan.append((test_packages, lambda root: test_packages.prepare(root, packages, build)))

@@ -4,6 +4,7 @@ goes on where the one before it left off, in the order of their numbers."""
 import json
 import os
 import pathlib
+import re
 import shutil
 import sqlite3
 import subprocess
@@ -11,15 +12,12 @@ import tempfile
 import time
 import unittest
 
-from machine import HELPER_UNITS, PATH_UNITS, SERVICE, SOCKET, wait_until
+from machine import HELPER_UNITS, MEMORY_REPORTS, PATH_UNITS, PREFERENCES, RECORDER, SERVICE, SOCKET, SPOOL, wait_until
 
 MACHINE = None  # set by run.py
 BEFORE = set()  # the machine's files before anything was installed
 
 INSTALLED = ("quorvixd", "quorvix-tools", "libquorvix0")
-PREFERENCES = "/var/mobile/Library/Preferences"
-CACHES = "/var/root/Library/Caches/quorvixd"
-REPORTS = "/Library/Logs/Faultbox"
 APPS = [f"app-{number}" for number in range(8)]
 # What the service manager, the journal and the package manager write by themselves.
 OF_THE_SYSTEM = ("/var/lib/dpkg/", "/var/log/", "/var/cache/", "/var/lib/systemd/catalog/", "/var/lib/systemd/timers/",
@@ -37,7 +35,8 @@ def prepare(root, packages, build):
         shutil.copy(package, root / "root/debs")
         make_later(package, root / "root/later")
     shutil.copy(build / "bin/quorvix_poll_app", root / "root/app")
-    shutil.copy(build / "standin/standin_swivex/libswivex.dylib", root / "root/libswivex.dylib")
+    # The folder that the node exporter's package brings.
+    (root / "var/lib/prometheus/node-exporter").mkdir(parents=True)
     shutil.copy(build / "standin/standin_swivex_stuck/libswivex.dylib", root / "root/stuck/libswivex.dylib")
 
 
@@ -75,45 +74,13 @@ def debs(folder):
     return [f"/root/{folder}/{path.name}" for path in sorted(MACHINE.path(f"/root/{folder}").iterdir())]
 
 
-def ctl(*arguments):
-    return MACHINE.must("quorvixctl", *arguments)
-
-
-def status():
-    """The daemon's state; nothing while it is down."""
-    result = MACHINE.run("quorvixctl", "status", "--json")
-    return json.loads(result.stdout) if result.returncode == 0 else None
-
-
-def watched():
-    """How many processes are watched."""
-    state = status()
-    return len(state["watched"]) if state else 0
-
-
-def entries(*matches):
-    MACHINE.must("journalctl", "--sync")
-    text = MACHINE.must("journalctl", "-o", "json", "--all", "--no-pager", *matches)
-    return [json.loads(line) for line in text.splitlines()]
-
-
-def reports():
-    return sorted(MACHINE.path(CACHES + "/spool").glob("*.swivex"))
-
-
 def counters():
     """What the store of the counters holds."""
-    # A copy: the path leads through another file system's root, where the files beside the store are not found.
-    with tempfile.TemporaryDirectory() as folder:
-        for source in MACHINE.path("/var/lib/quorvix").glob("tallisk.db*"):
-            shutil.copy(source, folder)
-        store = sqlite3.connect(f"{folder}/tallisk.db")
+    with MACHINE.counter_store() as store:
         try:
             return dict(store.execute("SELECT key, count FROM distribution"))
         except sqlite3.OperationalError:
             return {}
-        finally:
-            store.close()
 
 
 def use_trace_library(name):
@@ -136,14 +103,10 @@ class Packages(unittest.TestCase):
             print(MACHINE.run("journalctl", "--no-pager", "-n", "60").stdout, flush=True)
 
     def assert_nothing_failed(self):
-        self.assertEqual(MACHINE.must("systemctl", "--failed", "--plain", "--no-legend", "list-units", "quorvixd*"), "")
+        self.assertEqual(MACHINE.failed_units(), "")
 
     def wait_all_watched(self):
-        wait_until(lambda: watched() == len(APPS), 30, "the watched apps")
-
-    def start_app(self, name, *arguments):
-        MACHINE.must("systemd-run", "--quiet", f"--unit={name}", "--property=CollectMode=inactive-or-failed", "/root/app",
-                     *arguments)
+        wait_until(lambda: len(MACHINE.watched()) == len(APPS), 30, "the watched apps")
 
     def test_01_installing_starts_cleanly(self):
         dpkg("--install", *debs("debs"))
@@ -156,10 +119,12 @@ class Packages(unittest.TestCase):
 
     def test_02_what_the_preset_names_is_switched_on_and_nothing_else(self):
         enabled = {unit: MACHINE.show(unit)["UnitFileState"]
-                   for unit in (SERVICE, *PATH_UNITS, SOCKET, "quorvixd-prune.timer", "quorvixd-reports.path")}
+                   for unit in (SERVICE, RECORDER, *PATH_UNITS, SOCKET, "quorvixd-prune.timer", "quorvixd-reports.path")}
         self.assertEqual(enabled, {**dict.fromkeys(enabled, "enabled"), SOCKET: "disabled"})
         for unit in (*PATH_UNITS, "quorvixd-prune.timer", "quorvixd-reports.path"):
             self.assertEqual(MACHINE.show(unit)["ActiveState"], "active", unit)
+        # The flight recorder is not for containers.
+        self.assertEqual((MACHINE.show(RECORDER)["ActiveState"], MACHINE.show(RECORDER)["ConditionResult"]), ("inactive", "no"))
         preset = MACHINE.must("cat", "/usr/lib/systemd/system-preset/50-quorvixd.preset")
         for unit, state in enabled.items():
             self.assertIn(f"{'enable' if state == 'enabled' else 'disable'} {unit}\n", preset)
@@ -175,32 +140,73 @@ class Packages(unittest.TestCase):
             self.assertLessEqual(exposure, 4.0)
 
     def test_04_enabling_a_job_starts_the_daemon(self):
-        if not MACHINE.path("/usr/lib/libswivex.dylib").exists():
-            use_trace_library("libswivex.dylib")
-        ctl("enable", "hang")
+        MACHINE.ctl("enable", "hang")
         self.assertEqual(MACHINE.show(SERVICE)["ActiveState"], "active")
-        settings = status()["settings"]
+        settings = MACHINE.status()["settings"]
         self.assertTrue(settings["hangTracingEnabled"])
         self.assertTrue(settings["swivexEnabled"])
-        ctl("enable", "memory")
-        self.assertTrue(status()["settings"]["memoryLoggingEnabled"])
+        MACHINE.ctl("enable", "memory")
+        self.assertTrue(MACHINE.status()["settings"]["memoryLoggingEnabled"])
+
+    def test_04b_the_doctor_finds_nothing_wrong_but_that_a_container_has_no_tracing(self):
+        result = MACHINE.run("quorvixctl", "doctor", "--json")
+        findings = json.loads(result.stdout)["findings"]
+        self.assertEqual({finding["area"] for finding in findings if finding["kind"] == "problem"}, {"tracing"}, result.stdout)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("trace library", {finding["area"] for finding in findings if finding["kind"] == "good"})
 
     def test_05_a_hang_becomes_a_report_that_is_handed_on(self):
         hook = MACHINE.path("/etc/quorvix/report.d/note")
         hook.write_text('#!/bin/sh\necho "$1" >>/root/handed-on\n')
         hook.chmod(0o755)
-        self.start_app("hanging", "60", "hang", "20", "after", "1")
-        report = wait_until(lambda: next(iter(reports()), None), 40, "the report")
+        MACHINE.start_app("hanging", "/root/app", "60", "hang", "20", "after", "1")
+        report = wait_until(lambda: next(iter(MACHINE.reports()), None), 40, "the report")
         noted = MACHINE.path("/root/handed-on")
         wait_until(noted.exists, 20, "the hand-over")
-        self.assertEqual(noted.read_text(), f"{CACHES}/spool/{report.name}\n")
+        self.assertEqual(noted.read_text(), f"{SPOOL}/{report.name}\n")
         MACHINE.must("systemctl", "start", "quorvixd-reports.service")
         self.assertEqual(len(noted.read_text().splitlines()), 1, "each report once")
         MACHINE.run("systemctl", "stop", "hanging")
 
+    def test_05b_the_report_is_listed_and_shown(self):
+        (report,) = MACHINE.reports()
+        (listed,) = json.loads(MACHINE.ctl("report", "list", "--json"))
+        self.assertEqual((listed["file"], listed["app"], listed["complete"]), (report.name, "app", True))
+        shown = json.loads(MACHINE.ctl("report", "show", report.name, "--json"))
+        # A container has no events of its own: that is all that stands in the way of another verdict.
+        self.assertEqual((shown["verdict"]["cause"], listed["cause"]), ("unknown", "unknown"))
+        self.assertTrue([frame for frame in shown["stack"] if "nanosleep" in frame["name"] + frame.get("symbol", "")], shown["stack"])
+        self.assertIn("Verdict: unknown", MACHINE.ctl("report", "show", report.name))
+
+    def test_05c_the_report_is_drawn(self):
+        if not re.search(r"^  html ", MACHINE.ctl("report", "--help"), re.M):
+            self.skipTest("this tool draws no pages")
+        (report,) = MACHINE.reports()
+        page = MACHINE.path("/root/page.html")
+        MACHINE.must("sh", "-c", f"cd /root && quorvixctl report html {SPOOL}/{report.name} --output /root/page.html")
+        text = page.read_text()
+        self.assertTrue(text.lstrip().lower().startswith("<!doctype html>"), text[:80])
+        self.assertNotRegex(text, r"""(src|href)=["']?https?:""")
+        page.unlink()
+
+    def test_05d_the_counters_are_scraped(self):
+        exporter = shutil.which("prometheus-node-exporter")
+        if not exporter:
+            self.skipTest("prometheus-node-exporter is not installed")
+        export = MACHINE.path("/var/lib/prometheus/node-exporter/quorvix.prom")
+        wait_until(export.exists, 60, "the exported counters")
+        shutil.copy(exporter, MACHINE.path("/root/node-exporter"))
+        MACHINE.start_app("exporter", "/root/node-exporter", "--web.listen-address=127.0.0.1:9100", "--collector.disable-defaults",
+                          "--collector.textfile", f"--collector.textfile.directory=/var/lib/prometheus/node-exporter")
+        scraped = wait_until(lambda: MACHINE.fetch("http://127.0.0.1:9100/metrics"), 20, "the exporter")
+        MACHINE.run("systemctl", "stop", "exporter")
+        self.assertIn("node_textfile_scrape_error 0", scraped)
+        hangs = [line for line in scraped.splitlines() if line.startswith("quorvix_") and "app" in line]
+        self.assertTrue(hangs, scraped)
+
     def test_06_the_journal_explains_the_hang(self):
         ids = {}
-        for entry in entries("SYSLOG_IDENTIFIER=quorvixd"):
+        for entry in MACHINE.journal("SYSLOG_IDENTIFIER=quorvixd"):
             if "MESSAGE_ID" in entry:
                 ids[entry["MESSAGE_ID"]] = entry["MESSAGE"]
         hang = next(key for key, text in ids.items() if ": Hang detected " in text)
@@ -209,27 +215,37 @@ class Packages(unittest.TestCase):
         self.assertIn("Subject: An app's main thread did not finish its work in time", explained)
         self.assertIn("What to do next", explained)
 
+    def test_06b_the_journal_explains_a_refused_report(self):
+        MACHINE.ctl("prefs", "set", "QuorvixEnableSwivex", "false")
+        MACHINE.start_app("hanging", "/root/app", "60", "hang", "20", "after", "1")
+        refused = wait_until(lambda: [entry for entry in MACHINE.journal("QUORVIX_REASON=switched-off")], 40, "the refusal")
+        explained = MACHINE.must("journalctl", "--no-pager", "-x", f"MESSAGE_ID={refused[0]['MESSAGE_ID']}")
+        self.assertIn("Subject: No report of this hang has been written: switched-off", explained)
+        self.assertIn("QuorvixEnableSwivex", explained)
+        MACHINE.run("systemctl", "stop", "hanging")
+        MACHINE.ctl("prefs", "set", "QuorvixEnableSwivex", "true")
+
     def test_07_pruning_runs_in_its_sandbox_and_keeps_the_newest(self):
-        spool = MACHINE.path(CACHES + "/spool")
+        spool = MACHINE.path(SPOOL)
         for number in range(3):
             old = spool / f"main-old-2026-01-0{number + 1}-120000.swivex"
             old.write_text("old")
             moment = time.time() - (90 - number) * 24 * 3600
             os.utime(old, (moment, moment))
-        kept = len(reports()) - 2
+        kept = len(MACHINE.reports()) - 2
         MACHINE.must("systemctl", "start", "quorvixd-prune.service")
         self.assertEqual(MACHINE.show("quorvixd-prune.service")["Result"], "success")
-        self.assertEqual(len(reports()), kept)
+        self.assertEqual(len(MACHINE.reports()), kept)
         self.assertTrue((spool / "main-old-2026-01-03-120000.swivex").exists())
 
     def test_08_killed_under_load_it_watches_its_apps_again(self):
         for name in APPS:
-            self.start_app(name, "3600")
+            MACHINE.start_app(name, "/root/app", "3600")
         self.wait_all_watched()
         for _ in range(3):
             before = MACHINE.show(SERVICE)["MainPID"]
             MACHINE.must("systemctl", "kill", "--signal=KILL", SERVICE)
-            wait_until(lambda: MACHINE.show(SERVICE)["MainPID"] not in ("0", before) and status(), 20, "the restart")
+            wait_until(lambda: MACHINE.show(SERVICE)["MainPID"] not in ("0", before) and MACHINE.status(), 20, "the restart")
             self.wait_all_watched()
         self.assert_nothing_failed()
 
@@ -246,9 +262,9 @@ class Packages(unittest.TestCase):
         self.wait_all_watched()
         time.sleep(6)
         self.assertEqual(MACHINE.show(SERVICE)["MainPID"], before["MainPID"], "a daemon that is well is left alone")
-        self.start_app("hanging-again", "30", "hang", "20", "after", "1")
+        MACHINE.start_app("hanging-again", "/root/app", "30", "hang", "20", "after", "1")
         wait_until(lambda: int(MACHINE.show(SERVICE)["NRestarts"]) > int(before["NRestarts"]), 40, "the watchdog")
-        self.assertTrue([entry for entry in entries(f"UNIT={SERVICE}") if "Watchdog timeout" in entry["MESSAGE"]])
+        self.assertTrue([entry for entry in MACHINE.journal(f"UNIT={SERVICE}") if "Watchdog timeout" in entry["MESSAGE"]])
         MACHINE.run("systemctl", "stop", "hanging-again")
         MACHINE.path("/root/original").write_bytes(original)
         use_trace_library("original")
@@ -259,17 +275,17 @@ class Packages(unittest.TestCase):
 
     def test_10_upgrading_keeps_stores_preferences_and_watched_apps(self):
         wait_until(counters, 30, "the stored counters")
-        before, shown, kept = counters(), MACHINE.show(SERVICE), [path.name for path in reports()]
+        before, shown, kept = counters(), MACHINE.show(SERVICE), [path.name for path in MACHINE.reports()]
         lists = {path.name: path.read_bytes() for path in MACHINE.path(PREFERENCES).glob("*.plist")}
         self.assertTrue(lists)
         dpkg("--install", *debs("later"))
         self.assertTrue(MACHINE.must("dpkg-query", "-W", "-f", "${Version}", "quorvixd").endswith(LATER))
-        wait_until(lambda: MACHINE.show(SERVICE)["ActiveState"] == "active" and status(), 20, "the new daemon")
+        wait_until(lambda: MACHINE.show(SERVICE)["ActiveState"] == "active" and MACHINE.status(), 20, "the new daemon")
         self.assertNotEqual(MACHINE.show(SERVICE)["MainPID"], shown["MainPID"])
         self.wait_all_watched()
         self.assertEqual({path.name: path.read_bytes() for path in MACHINE.path(PREFERENCES).glob("*.plist")}, lists)
         self.assertLessEqual(before.items(), counters().items())
-        self.assertEqual([path.name for path in reports()], kept)
+        self.assertEqual([path.name for path in MACHINE.reports()], kept)
         self.assertTrue(MACHINE.path("/etc/quorvix/report.d/note").exists())
         for unit in (*PATH_UNITS, "quorvixd-prune.timer", "quorvixd-reports.path"):
             self.assertEqual(MACHINE.show(unit)["ActiveState"], "active", unit)
@@ -287,7 +303,7 @@ class Packages(unittest.TestCase):
         self.assertFalse(MACHINE.path("/run/vex").exists())
         self.assertEqual(MACHINE.must("systemctl", "list-units", "--all", "--plain", "--no-legend", "--state=active",
                                       "quorvixd*"), "")
-        self.assertTrue(reports())
+        self.assertTrue(MACHINE.reports())
         self.assertTrue(counters())
         self.assertTrue(list(MACHINE.path(PREFERENCES).glob("*.plist")))
         # The apps live on.
@@ -299,21 +315,20 @@ class Packages(unittest.TestCase):
         MACHINE.run("systemctl", "stop", *APPS)
         # The administrator's own, and what this test put there.
         MACHINE.path("/etc/quorvix/report.d/note").unlink(missing_ok=True)
-        MACHINE.path("/usr/lib/libswivex.dylib").unlink(missing_ok=True)
         dpkg("--purge", *INSTALLED)
         left = files() - BEFORE
-        data = {name for name in left if name.startswith((CACHES + "/spool", PREFERENCES, REPORTS))}
+        data = {name for name in left if name.startswith((SPOOL, PREFERENCES, MEMORY_REPORTS))}
         parents = {str(parent) for name in data for parent in pathlib.Path(name).parents}
         self.assertEqual(sorted(left - data - parents), [])
-        self.assertTrue(reports())
+        self.assertTrue(MACHINE.reports())
         self.assertTrue(list(MACHINE.path(PREFERENCES).glob("*.plist")))
         self.assertEqual(sorted(BEFORE - files()), [])
         self.assert_nothing_failed()
 
     def test_14_installing_again_finds_the_preferences(self):
         dpkg("--install", *debs("debs"))
-        wait_until(lambda: MACHINE.show(SERVICE)["ActiveState"] == "active" and status(), 20, "the daemon")
-        self.assertTrue(status()["settings"]["hangTracingEnabled"])
+        wait_until(lambda: MACHINE.show(SERVICE)["ActiveState"] == "active" and MACHINE.status(), 20, "the daemon")
+        self.assertTrue(MACHINE.status()["settings"]["hangTracingEnabled"])
 
     def test_15_the_init_script_does_without_the_service_manager(self):
         MACHINE.must("systemctl", "stop", *PATH_UNITS, SERVICE)
@@ -324,12 +339,12 @@ class Packages(unittest.TestCase):
             return MACHINE.run("env", "_SYSTEMCTL_SKIP_REDIRECT=1", "/etc/init.d/quorvixd", action).returncode
         self.assertEqual(script("status"), 3)
         self.assertEqual(script("start"), 0)
-        pid = wait_until(status, 15, "the daemon")["pid"]
+        pid = wait_until(MACHINE.status, 15, "the daemon")["pid"]
         self.assertEqual(script("start"), 0)
         self.assertEqual(script("status"), 0)
-        self.assertEqual(status()["pid"], pid)
+        self.assertEqual(MACHINE.status()["pid"], pid)
         self.assertEqual(script("restart"), 0)
-        wait_until(lambda: (status() or {"pid": pid})["pid"] != pid, 15, "another daemon")
+        wait_until(lambda: (MACHINE.status() or {"pid": pid})["pid"] != pid, 15, "another daemon")
         self.assertEqual(script("stop"), 0)
-        self.assertIsNone(status())
+        self.assertIsNone(MACHINE.status())
         self.assertEqual(script("stop"), 0)

@@ -356,6 +356,21 @@ TEST_F(Recorder, DumpLetsGoOfTheRings) {
     EXPECT_TRUE(off) << "nothing holds it: " << (off ? "" : off.problem());
 }
 
+TEST_F(Recorder, EventsWhoseIdsAreNotOursAreLeftOut) {
+    arm();
+    const std::uint64_t begin = quorvix_ticks_now();
+    mark("S|1|app|7");
+    const std::string reason = reasonOf(getpid(), getpid());
+    const DumpRequest request{.reason = reason, .minTicks = begin, .maxTicks = quorvix_ticks_now()};
+    const DumpedFile file(request, DumpSettings{.recorder = instance, .idsAreTheKernels = false});
+    ASSERT_TRUE(file.written);
+    EXPECT_EQ(file.attribute.at("recorder"), "none");
+    EXPECT_NE(file.attribute.at("missing.recorder").find("process namespace"), std::string::npos);
+    EXPECT_EQ(file.attribute.at("covered_end_ns"), "0");
+    const DumpedFile usual(request, DumpSettings{.recorder = instance, .idsAreTheKernels = true});
+    EXPECT_NE(usual.attribute.at("recorder"), "none");
+}
+
 TEST_F(Recorder, OtherClockIsRefused) {
     arm();
     ASSERT_TRUE(writeSmallFile(instance.file("trace_clock"), "boot"));

@@ -10,7 +10,7 @@ from pathlib import Path
 BUILD = Path(os.environ.get("QUORVIX_BUILD", Path(__file__).resolve().parents[2] / "build" / "release"))
 TOOL = BUILD / "bin/quorvixctl"
 VERBS = {"status", "prefs", "notify", "activations", "activation", "memory", "counters", "budget", "log", "doctor",
-         "completions"}
+         "completions", "recorder", "report", "enable", "disable"}
 
 
 def script(shell):
