@@ -127,7 +127,7 @@
         "on. The list below has the same hangs." },
       make("div", { class: "lanes" },
         shown.map(([app, ofApp]) => [
-          make("div", { class: "lane-name", title: app }, app, make("span", { class: "quiet" }, ` ${ofApp.length}`)),
+          make("div", { class: "lane-name", title: app }, make("span", {}, app), make("span", { class: "quiet" }, String(ofApp.length))),
           make("div", { class: "lane" }, make("div", { class: "lane-inset" }, ofApp.map((hang) =>
             make("a", {
               href: `#hang-${hangs.indexOf(hang)}`, tabindex: "-1", "aria-hidden": "true",
@@ -258,7 +258,7 @@
       make("p", { class: "quiet" }, "From the hang's begin to its end; each column is what the thread did for most of that time."),
       threadRow({ ...detail.hung, label: `${detail.hung.label} — hung` }, length, ""),
       detail.others.map((thread) => threadRow(thread, length, noteOf(thread))),
-      make("div", { class: "axis" }, [0, 0.5, 1].map((tick) => make("span", { style: { left: percent(tick) } }, duration(tick * length)))),
+      make("div", { class: "axis" }, [0, 0.5, 1].map((tick) => make("span", { style: { left: percent(tick) } }, tick ? duration(tick * length) : "0 s"))),
       legend(seen.map((state) => make("li", {}, swatch(state), STATES[state]))),
       rest.length > 0 && make("p", { class: "quiet small" }, rest.join(" ")),
     ];

@@ -9,7 +9,7 @@ namespace quorvix::report {
 namespace {
 
 using enum Activity;
-using Run = StateStrip::Run;
+using Piece = StateStrip::Run;
 using testing::ElementsAre;
 
 constexpr Interval kWindow{1000, 2000};
@@ -18,7 +18,7 @@ TEST(StateStrip, EachSliceIsWhatTheThreadDidForMostOfIt) {
     StateStrip strip(kWindow, 10);
     strip.add(running, {1000, 1249});
     strip.add(sleeping, {1249, 1900});
-    EXPECT_THAT(strip.runs(), ElementsAre(Run{running, 2}, Run{sleeping, 7}, Run{unknown, 1}));
+    EXPECT_THAT(strip.runs(), ElementsAre(Piece{running, 2}, Piece{sleeping, 7}, Piece{unknown, 1}));
 }
 
 TEST(StateStrip, MoreThanHalfOfASliceDecides) {
@@ -33,9 +33,9 @@ TEST(StateStrip, WhatLiesOutsideOfTheWindowIsLeftOut) {
     StateStrip strip(kWindow, 4);
     strip.add(running, {0, 1000});
     strip.add(sleeping, {2000, UINT64_MAX});
-    EXPECT_THAT(strip.runs(), ElementsAre(Run{unknown, 4}));
+    EXPECT_THAT(strip.runs(), ElementsAre(Piece{unknown, 4}));
     strip.add(stopped, {0, UINT64_MAX});
-    EXPECT_THAT(strip.runs(), ElementsAre(Run{stopped, 4}));
+    EXPECT_THAT(strip.runs(), ElementsAre(Piece{stopped, 4}));
 }
 
 TEST(StateStrip, MovesNoMoreThanThereWas) {
@@ -43,13 +43,13 @@ TEST(StateStrip, MovesNoMoreThanThereWas) {
     strip.add(running, {1000, 1500});
     strip.add(uninterruptible, {1500, 2000});
     strip.move(uninterruptible, sleeping, {0, 2000});
-    EXPECT_THAT(strip.runs(), ElementsAre(Run{running, 2}, Run{sleeping, 2}));
+    EXPECT_THAT(strip.runs(), ElementsAre(Piece{running, 2}, Piece{sleeping, 2}));
 }
 
 TEST(StateStrip, HasNoMoreSlicesThanNanoseconds) {
     StateStrip strip({5, 8}, 100);
     strip.add(running, {6, 7});
-    EXPECT_THAT(strip.runs(), ElementsAre(Run{unknown, 1}, Run{running, 1}, Run{unknown, 1}));
+    EXPECT_THAT(strip.runs(), ElementsAre(Piece{unknown, 1}, Piece{running, 1}, Piece{unknown, 1}));
     EXPECT_TRUE(StateStrip(kWindow, 0).runs().empty());
     EXPECT_TRUE(StateStrip({8, 5}, 100).runs().empty());
 }
@@ -59,8 +59,8 @@ TEST(StateStrip, AWindowOfCenturiesIsCutWithoutOverflow) {
     strip.add(running, {UINT64_MAX / 2, UINT64_MAX});
     const auto runs = strip.runs();
     ASSERT_EQ(runs.size(), 2U);
-    EXPECT_EQ(runs[0], (Run{unknown, 240}));
-    EXPECT_EQ(runs[1], (Run{running, 240}));
+    EXPECT_EQ(runs[0], (Piece{unknown, 240}));
+    EXPECT_EQ(runs[1], (Piece{running, 240}));
 }
 
 }  // namespace
