@@ -17,6 +17,7 @@
 #include "ctl/PruneCommand.h"
 #include "ctl/RecorderCommand.h"
 #include "ctl/ReportCommand.h"
+#include "ctl/ReportPageCommand.h"
 #include "ctl/SwitchCommand.h"
 #include "ctl/Verb.h"
 #include "platform/linux/MessageCodec.h"
@@ -54,6 +55,7 @@ public:
           memory_(services),
           recorder_(services),
           report_(services),
+          page_(services),
           prune_(services),
           switch_(services) {
         app_.require_subcommand(1);
@@ -269,11 +271,43 @@ private:
             };
         });
 
+        addReportPage(group);
+
         CLI::App* prune = group->add_subcommand("prune", "Removes old reports; the newest of each app is kept");
         addPruneLimits(prune);
         prune->add_option("--keep-apps", pruneRequest_.limits.keptOwners, "Of at most so many apps")
             ->capture_default_str();
         prune->callback([this] { action_ = [this] { return prune_.hangReports(pruneRequest()); }; });
+    }
+
+    void addReportPage(CLI::App* group) {
+        pageRequest_.powerLog = services_.powerLogPath;
+        pageRequest_.memoryFolder = services_.reportFolder;
+        CLI::App* html = group->add_subcommand("html", "A page for a browser: one report, or all of a folder");
+        html->add_option("FILE|DIR", pageRequest_.from,
+                         "A report's path, its name in the folder of the reports, or a folder of reports")
+            ->required();
+        html->add_option(
+            "--output", pageRequest_.output,
+            "The page; without it, named after the report, in the current folder; \"-\" for standard output");
+        html->add_option("--limit", pageRequest_.limit, "So many reports of a folder are told in full, the newest")
+            ->capture_default_str();
+        html->add_option("--power-log", pageRequest_.powerLog, "The power log that launches are taken from")
+            ->capture_default_str();
+        html->add_option("--memory-reports", pageRequest_.memoryFolder, "The folder of memory snapshot reports")
+            ->capture_default_str();
+        html->add_flag("--no-symbols", withoutSymbols_,
+                       "Opens no module's file to name the frames of stacks; modules and addresses only");
+        addSpoolFolder(html);
+        addJsonFlag(html);
+        html->callback([this] {
+            action_ = [this] {
+                pageRequest_.spoolFolder = folder_;
+                pageRequest_.symbols = !withoutSymbols_;
+                pageRequest_.asJson = asJson_;
+                return page_.write(pageRequest_);
+            };
+        });
     }
 
     void addSpoolFolder(CLI::App* command) {
@@ -380,6 +414,7 @@ private:
     MemoryCommand memory_;
     RecorderCommand recorder_;
     ReportCommand report_;
+    ReportPageCommand page_;
     PruneCommand prune_;
     SwitchCommand switch_;
     CLI::App app_{
@@ -399,6 +434,7 @@ private:
     std::int32_t result_ = 0;
     std::uint32_t limit_ = 100;
     PruneRequest pruneRequest_;
+    ReportPageRequest pageRequest_;
     std::uint32_t pruneDays_ = 30;
     std::uint32_t pruneMebibytes_ = 512;
     bool asJson_ = false;

@@ -36,7 +36,8 @@ Values valuesOf(std::string_view name) {
     if (name == "SHELL") return {words, "bash zsh fish"};
     if (name == "LEVEL") return {words, "default info debug"};
     if (name == "COMMAND") return {commands};
-    for (const std::string_view file : {"FILE", "DIR", "BEFORE", "AFTER", "--file", "--output", "FILE|DIR"}) {
+    for (const std::string_view file : {"FILE", "DIR", "FILE|DIR", "BEFORE", "AFTER", "--file", "--output",
+                                        "--directory", "--power-log", "--memory-reports"}) {
         if (name == file) return {files};
     }
     return {};

@@ -1,13 +1,14 @@
 #include "ctl/MemoryCommand.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <ostream>
-#include <system_error>
+#include <utility>
 
+#include "ctl/MemoryChanges.h"
+#include "ctl/MemoryReportFiles.h"
 #include "ctl/Printable.h"
 
 namespace quorvix::ctl {
@@ -16,9 +17,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using Totals = std::map<std::string, MemoryTotals::Total>;
-
-constexpr std::string_view kPrefix = "memory-snapshot-";
-constexpr std::string_view kSuffix = ".ips";
+using Change = MemoryChange;
 
 // Strict JSON whatever bytes the names hold.
 void print(std::ostream& out, const Json& value) { out << jsonText(value); }
@@ -32,35 +31,6 @@ void printRow(std::ostream& out, std::string size, const std::string& text) {
     constexpr std::size_t kSizeWidth = 16;
     if (size.size() < kSizeWidth) size.insert(0, kSizeWidth - size.size(), ' ');
     out << size << "  " << text << '\n';
-}
-
-struct Change {
-    std::string name;
-    std::int64_t before = 0;
-    std::int64_t after = 0;
-    std::uint64_t countBefore = 0;
-    std::uint64_t countAfter = 0;
-    std::int64_t growth() const { return after - before; }
-};
-
-// Everything that is in either report and not of the same size, the greatest growth first, names in order.
-std::vector<Change> changesOf(const Totals& before, const Totals& after) {
-    std::map<std::string, Change> changes;
-    for (const auto& [name, total] : before) {
-        changes[name].before = static_cast<std::int64_t>(total.bytes);
-        changes[name].countBefore = total.count;
-    }
-    for (const auto& [name, total] : after) {
-        changes[name].after = static_cast<std::int64_t>(total.bytes);
-        changes[name].countAfter = total.count;
-    }
-    std::vector<Change> sorted;
-    for (auto& [name, change] : changes) {
-        change.name = name;
-        if (change.growth() != 0 || change.countBefore != change.countAfter) sorted.push_back(std::move(change));
-    }
-    std::ranges::stable_sort(sorted, std::ranges::greater(), &Change::growth);
-    return sorted;
 }
 
 Json changesJson(const std::vector<Change>& changes) {
@@ -145,44 +115,25 @@ Json reportJson(const MemoryReport& report) {
 }  // namespace
 
 std::optional<std::vector<std::string>> MemoryCommand::reportNames() const {
-    std::error_code error;
-    std::vector<std::string> names;
-    for (std::filesystem::directory_iterator entry(services_.reportFolder, error), end; !error && entry != end;
-         entry.increment(error)) {
-        std::string name = entry->path().filename();
-        if (name.starts_with(kPrefix) && name.ends_with(kSuffix)) names.push_back(std::move(name));
-    }
-    if (error) {
-        services_.error << "quorvixctl: the report folder " << services_.reportFolder
-                        << " could not be read: " << error.message() << '\n';
-        return std::nullopt;
-    }
-    // Their names hold the time, so that their order is that of time.
-    std::ranges::sort(names);
-    return names;
+    auto names = memoryReportNames(services_.reportFolder);
+    if (names) return *names;
+    services_.error << "quorvixctl: the report folder " << services_.reportFolder
+                    << " could not be read: " << names.error().text() << '\n';
+    return std::nullopt;
 }
 
 std::optional<MemoryReport> MemoryCommand::read(const std::string& file) const {
     const std::string path = file.find('/') != std::string::npos || std::filesystem::exists(file)
                                  ? file
                                  : services_.reportFolder + "/" + file;
-    std::error_code error;
-    const auto size = std::filesystem::file_size(path, error);
-    std::ifstream stream(path, std::ios::binary);
-    if (error || !stream) {
-        services_.error << "quorvixctl: " << printable(path) << " could not be read"
-                        << (error ? ": " + error.message() : std::string()) << '\n';
-        return std::nullopt;
+    auto report = readMemoryReport(path);
+    if (report) return std::move(*report);
+    if (report.error().value == EBADMSG) {
+        services_.error << "quorvixctl: " << printable(path) << " is no complete memory snapshot report\n";
+    } else {
+        services_.error << "quorvixctl: " << printable(path) << " could not be read: " << report.error().text() << '\n';
     }
-    std::optional<MemoryReport> report;
-    if (size <= kLongestReport) {
-        std::string text(size, '\0');
-        stream.read(text.data(), static_cast<std::streamsize>(size));
-        text.resize(static_cast<std::size_t>(stream.gcount()));
-        report = parseMemoryReport(text);
-    }
-    if (!report) services_.error << "quorvixctl: " << printable(path) << " is no complete memory snapshot report\n";
-    return report;
+    return std::nullopt;
 }
 
 ExitStatus MemoryCommand::list(bool asJson) const {
@@ -231,9 +182,9 @@ ExitStatus MemoryCommand::diff(const std::string& before, const std::string& aft
     if (!first || !second) return ExitStatus::failed;
     const MemoryTotals from = totalsOf(*first);
     const MemoryTotals to = totalsOf(*second);
-    const auto processes = changesOf(from.processes, to.processes);
-    const auto zones = changesOf(from.zones, to.zones);
-    const auto wired = changesOf(from.wired, to.wired);
+    const auto processes = memoryChanges(from.processes, to.processes);
+    const auto zones = memoryChanges(from.zones, to.zones);
+    const auto wired = memoryChanges(from.wired, to.wired);
     if (asJson) {
         print(services_.out, {{"before", first->timestamp},
                               {"after", second->timestamp},

@@ -15,7 +15,6 @@ namespace quorvix::ctl {
 class MemoryCommand {
 public:
     static constexpr std::size_t kRowsByDefault = 20;
-    static constexpr std::size_t kLongestReport = std::size_t{64} << 20;
 
     explicit MemoryCommand(const ToolServices& services) : services_(services) {}
 

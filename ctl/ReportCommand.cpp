@@ -1,13 +1,11 @@
 #include "ctl/ReportCommand.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>
-#include <system_error>
 #include <vector>
 
+#include "ctl/HangReportFiles.h"
 #include "ctl/TextTable.h"
 #include "report/HangReport.h"
 #include "report/PlainText.h"
@@ -20,20 +18,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using report::escaped;
-
-constexpr std::string_view kSuffix = ".swivex";
-
-std::string whyNotRead(ErrorCode error) {
-    switch (error.value) {
-        case EINVAL: return "not a regular file";
-        case EFBIG: return "larger than a hang report can be";
-        default: return error.text();
-    }
-}
-
-report::ScanFile scanOf(const report::PacketFile& file) {
-    return [&file](const report::PacketFile::Visitor& visit) { return file.scan(visit); };
-}
 
 // What a line of the list tells. The report itself is not kept: a spool may hold many.
 struct Listed {
@@ -57,7 +41,7 @@ Listed look(const std::string& folder, const std::string& name) {
     listed.whenNs = file->modifiedSeconds() * 1'000'000'000;
     const report::HangReport read = report::analyse(scanOf(*file), {.waits = 0, .blockers = 0, .users = 0});
     if (!read.isHangReport) {
-        listed.problem = read.incomplete.empty() ? "no hang report" : "no hang report: " + read.incomplete;
+        listed.problem = whyNoHangReport(read);
         return listed;
     }
     listed.whenNs = read.beganRealtimeNs.value_or(listed.whenNs);
@@ -94,18 +78,14 @@ TextRow rowOf(const Listed& listed) {
 }  // namespace
 
 ExitStatus ReportCommand::list(const std::string& folder, Format format) const {
-    std::error_code error;
-    std::vector<Listed> reports;
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string name = entry->path().filename();
-        if (name.ends_with(kSuffix)) reports.push_back(look(folder, name));
-    }
-    if (error) {
+    const auto names = hangReportNames(folder);
+    if (!names) {
         services_.error << "quorvixctl: the folder of hang reports " << escaped(folder)
-                        << " could not be read: " << error.message() << '\n';
+                        << " could not be read: " << names.error().text() << '\n';
         return ExitStatus::failed;
     }
+    std::vector<Listed> reports;
+    for (const std::string& name : *names) reports.push_back(look(folder, name));
     std::ranges::sort(reports, [](const Listed& one, const Listed& other) {
         return one.whenNs != other.whenNs ? one.whenNs > other.whenNs : one.name < other.name;
     });
@@ -124,9 +104,7 @@ ExitStatus ReportCommand::list(const std::string& folder, Format format) const {
 }
 
 ExitStatus ReportCommand::show(const std::string& file, const std::string& folder, const Form& form) const {
-    std::error_code ignored;
-    const std::string path =
-        file.find('/') != std::string::npos || std::filesystem::exists(file, ignored) ? file : folder + "/" + file;
+    const std::string path = hangReportPath(file, folder);
     const auto opened = report::PacketFile::open(path);
     if (!opened) {
         services_.error << "quorvixctl: " << escaped(path) << " could not be read: " << whyNotRead(opened.error())

@@ -71,6 +71,7 @@ public:
         applyWaitPlace(report_.timeline, report_.waitPlace);
         report_.verdict = judge(report_.timeline);
         takeWaits();
+        takeOtherThreads();
         return std::move(report_);
     }
 
@@ -122,8 +123,8 @@ private:
                 names_.try_emplace(event.next, event.nextName.substr(0, kLongestName));
             }
         });
-        report_.timeline = builder.finish(report_.window, report_.covered, contents_.hints());
-        const CpuUse::Summary summary = use.finish();
+        report_.timeline = builder.finish(report_.window, report_.covered, contents_.hints(), depth_.slices);
+        CpuUse::Summary summary = use.finish();
         report_.idleNs = summary.idleNs;
         report_.cpus = summary.cpus;
         for (const CpuUse::Use& entry : summary.users) {
@@ -135,6 +136,28 @@ private:
                 known->pid == report_.hung.pid) {
                 report_.topOfProcess = ToldUse{.thread = labelOf(entry.tid), .ranNs = entry.ranNs};
             }
+        }
+        users_ = std::move(summary.users);
+    }
+
+    std::vector<ToldFrame> toldStack(const StackSample& sample) const {
+        std::vector<ToldFrame> stack;
+        for (Frame& frame : contents_.framesOf(sample)) stack.push_back({.frame = std::move(frame), .symbol = {}});
+        if (nameFrames_) nameFrames_(contents_, stack);
+        return stack;
+    }
+
+    void takeOtherStacks(const StackSample& hung) {
+        if (depth_.stacks == 0) return;
+        report_.stacks.push_back({.thread = report_.hung, .frames = report_.stack, .problem = hung.problem});
+        for (const StackSample& sample : contents_.samples()) {
+            if (sample.tid == report_.hung.tid) continue;
+            if (report_.stacks.size() > depth_.stacks) {
+                ++report_.stacksLeftOut;
+                continue;
+            }
+            report_.stacks.push_back(
+                {.thread = labelOf(sample.tid), .frames = toldStack(sample), .problem = sample.problem});
         }
     }
 
@@ -152,9 +175,8 @@ private:
             return;
         }
         report_.stackProblem = sample->problem;
-        for (Frame& frame : contents_.framesOf(*sample))
-            report_.stack.push_back({.frame = std::move(frame), .symbol = {}});
-        if (nameFrames_) nameFrames_(contents_, report_.stack);
+        report_.stack = toldStack(*sample);
+        takeOtherStacks(*sample);
         std::vector<std::string> kernelFunctions;
         for (const ToldFrame& told : report_.stack) {
             if (!told.frame.isKernel()) break;
@@ -193,6 +215,51 @@ private:
         }
     }
 
+    bool isFellow(std::int32_t tid) const {
+        const ThreadName* const known = contents_.thread(tid);
+        return tid != report_.hung.tid && known != nullptr && known->pid == report_.hung.pid;
+    }
+
+    void takeOtherThreads() {
+        if (depth_.otherThreads == 0) return;
+        std::vector<std::int32_t> chosen;
+        const auto choose = [&](std::int32_t tid) {
+            if (tid <= CpuUse::kIdle || tid == report_.hung.tid || std::ranges::find(chosen, tid) != chosen.end())
+                return true;
+            if (chosen.size() >= depth_.otherThreads) return false;
+            chosen.push_back(tid);
+            return true;
+        };
+        for (const ToldWait& told : report_.waits) {
+            if (told.waker && !told.wait.waker->byInterrupt) choose(told.waker->tid);
+        }
+        const std::size_t wakers = chosen.size();
+        std::size_t fellowsThatRan = 0;
+        for (const CpuUse::Use& use : users_) {
+            if (!isFellow(use.tid)) continue;
+            ++fellowsThatRan;
+            if (!choose(use.tid)) ++report_.fellowsLeftOut;
+        }
+        for (std::size_t at = 0; at < std::min(users_.size(), kUsersDrawn); ++at) choose(users_[at].tid);
+        const std::size_t threads = report_.hung.pid == kNoThread ? 0 : contents_.threadsOf(report_.hung.pid).size();
+        // Without the hung one.
+        report_.fellowsAtRest = threads > fellowsThatRan + 1 ? threads - fellowsThatRan - 1 : 0;
+
+        std::vector<ThreadTimelineBuilder> builders;
+        for (const std::int32_t tid : chosen) builders.emplace_back(tid);
+        if (builders.empty()) return;
+        forEachSchedEvent(scan_, contents_, [&](const SchedEvent& event) {
+            for (ThreadTimelineBuilder& builder : builders) builder.add(event);
+        });
+        for (std::size_t at = 0; at < chosen.size(); ++at) {
+            report_.otherThreads.push_back(
+                {.thread = labelOf(chosen[at]),
+                 .isWaker = at < wakers,
+                 .timeline = builders[at].finish(report_.window, report_.covered, {}, depth_.slices)});
+        }
+    }
+
+    static constexpr std::size_t kUsersDrawn = 3;
     static constexpr std::size_t kMostNames = std::size_t{1} << 16;
     static constexpr std::size_t kLongestName = 64;
 
@@ -201,6 +268,7 @@ private:
     const NameFrames& nameFrames_;
     TraceContents contents_;
     std::unordered_map<std::int32_t, std::string> names_;
+    std::vector<CpuUse::Use> users_;
     HangReport report_;
 };
 

@@ -46,6 +46,19 @@ struct ToldUse {
     std::uint64_t ranNs = 0;
 };
 
+// Another thread over the time of the hang.
+struct ToldThread {
+    ThreadLabel thread;
+    bool isWaker = false;  // it ended one of the hung thread's longest waits
+    ThreadTimeline timeline;
+};
+
+struct ToldStack {
+    ThreadLabel thread;
+    std::vector<ToldFrame> frames;  // innermost first
+    std::string problem;            // why there are no or few
+};
+
 // One hang report, read and judged: all that is shown of it.
 struct HangReport {
     std::string incomplete;                                    // empty: the file is whole
@@ -73,6 +86,13 @@ struct HangReport {
     std::uint64_t idleNs = 0;
     std::uint64_t cpus = 0;
 
+    // Where they were asked for. Those that ended waits first, then the hung thread's fellows and who else ran much.
+    std::vector<ToldThread> otherThreads;
+    std::size_t fellowsLeftOut = 0;  // of its process, that ran and are not among these
+    std::size_t fellowsAtRest = 0;   // of its process, that did not run in the hang
+    std::vector<ToldStack> stacks;   // of all threads, the hung one first
+    std::size_t stacksLeftOut = 0;
+
     // The app's name: its program, without folders.
     std::string app() const;
 };
@@ -84,6 +104,10 @@ struct AnalysisDepth {
     std::size_t waits = 10;
     std::size_t blockers = 3;  // whose doing is looked at
     std::size_t users = 10;
+    // For a picture; none of it unless it is asked for.
+    std::size_t slices = 0;        // of each thread's strip
+    std::size_t otherThreads = 0;  // that have one
+    std::size_t stacks = 0;        // besides the hung thread's
 };
 
 // Walks a file as often as is asked of it, from its start.

@@ -9,19 +9,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::string_view keyOf(Activity activity) {
-    switch (activity) {
-        case Activity::running: return "running";
-        case Activity::runnable: return "runnable";
-        case Activity::sleeping: return "sleeping";
-        case Activity::uninterruptible: return "uninterruptible";
-        case Activity::stopped: return "stopped";
-        case Activity::gone: return "gone";
-        case Activity::unknown: break;
-    }
-    return "unknown";
-}
-
 Json timesJson(const ThreadTimeline& timeline) {
     Json json = Json::object();
     for (std::size_t at = 0; at < kActivities; ++at) {

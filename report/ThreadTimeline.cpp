@@ -1,5 +1,6 @@
 #include "report/ThreadTimeline.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -54,9 +55,10 @@ public:
 
     using LastSwitches = std::map<std::uint32_t, ThreadTimelineBuilder::LastSwitch>;
 
-    TimelineWalk(const Interval& window, const Interval& covered, const LastSwitches& lastSwitches)
+    TimelineWalk(const Interval& window, const Interval& covered, const LastSwitches& lastSwitches, std::size_t slices)
         : known_(window.common(covered)), covered_(covered), lastSwitches_(lastSwitches) {
         timeline_.window = window;
+        timeline_.strip = StateStrip(window, slices);
     }
 
     ThreadTimeline run(const std::vector<Event>& events, const ThreadHints& hints) {
@@ -139,6 +141,7 @@ private:
         const Interval interval{since_, nowNs};
         const std::uint64_t inWindow = interval.common(known_).length();
         timeline_.at(activity_) += inWindow;
+        timeline_.strip.add(activity_, interval.common(known_));
         if (inWindow > 0 && (isSleep(activity_) || activity_ == Activity::runnable)) {
             note({.activity = activity_,
                   .interval = interval,
@@ -212,13 +215,14 @@ void ThreadTimelineBuilder::add(const SchedEvent& event) {
     }
 }
 
-ThreadTimeline ThreadTimelineBuilder::finish(const Interval& window, const Interval& covered,
-                                             const ThreadHints& hints) {
+ThreadTimeline ThreadTimelineBuilder::finish(const Interval& window, const Interval& covered, const ThreadHints& hints,
+                                             std::size_t slices) {
     if (tooMany_) {
         ThreadTimeline nothing;
         nothing.window = window;
         nothing.events = events_.size();
         nothing.tooManyEvents = true;
+        nothing.strip = StateStrip(window, slices);
         nothing.at(Activity::unknown) = window.length();
         return nothing;
     }
@@ -230,7 +234,7 @@ ThreadTimeline ThreadTimelineBuilder::finish(const Interval& window, const Inter
     std::ranges::stable_sort(events_, [](const Event& one, const Event& other) {
         return one.timeNs != other.timeNs ? one.timeNs < other.timeNs : one.kind < other.kind;
     });
-    return TimelineWalk(window, covered, lastSwitches_).run(events_, hints);
+    return TimelineWalk(window, covered, lastSwitches_, slices).run(events_, hints);
 }
 
 }  // namespace quorvix::report

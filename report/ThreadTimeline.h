@@ -1,37 +1,16 @@
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <vector>
 
+#include "report/Activity.h"
 #include "report/SchedEvents.h"
+#include "report/StateStrip.h"
 
 namespace quorvix::report {
-
-// What a thread can be doing; each moment of a timeline is exactly one of these.
-enum class Activity : std::uint8_t {
-    unknown,          // the recorder did not cover it
-    running,          // on a CPU
-    runnable,         // wanted to run and did not: others ran, or its group was throttled
-    sleeping,         // waited for an event, interruptibly
-    uninterruptible,  // waited in the kernel, for a device as a rule
-    stopped,          // by a signal or a tracer, or frozen
-    gone,             // had exited
-};
-inline constexpr std::size_t kActivities = 7;
-
-// Nanoseconds of CLOCK_MONOTONIC; empty when the end is not after the begin.
-struct Interval {
-    std::uint64_t beginNs = 0;
-    std::uint64_t endNs = 0;
-    std::uint64_t length() const { return endNs > beginNs ? endNs - beginNs : 0; }
-    Interval common(const Interval& other) const {
-        return {std::max(beginNs, other.beginNs), std::min(endNs, other.endNs)};
-    }
-};
 
 struct Waker {
     std::int32_t tid = kNoThread;
@@ -65,6 +44,7 @@ struct ThreadTimeline {
         std::uint64_t sleptNs = 0;  // in the window, before these wake-ups
     };
     std::map<Waker, Waking> wakers;
+    StateStrip strip;  // the same in a picture's columns, where they were asked for
 
     std::uint64_t at(Activity activity) const { return timeNs[static_cast<std::size_t>(activity)]; }
     std::uint64_t& at(Activity activity) { return timeNs[static_cast<std::size_t>(activity)]; }
@@ -92,8 +72,9 @@ public:
 
     void add(const SchedEvent& event);
 
-    // Covered: what the recorder held; outside of it nothing is known.
-    ThreadTimeline finish(const Interval& window, const Interval& covered, const ThreadHints& hints = {});
+    // Covered: what the recorder held; outside of it nothing is known. Slices: of the timeline's strip.
+    ThreadTimeline finish(const Interval& window, const Interval& covered, const ThreadHints& hints = {},
+                          std::size_t slices = 0);
 
 private:
     struct Event {

@@ -369,6 +369,15 @@ const ThreadName* TraceContents::thread(std::int32_t tid) const {
     return found == threads_.end() ? nullptr : &found->second;
 }
 
+std::vector<std::int32_t> TraceContents::threadsOf(std::int32_t pid) const {
+    std::vector<std::int32_t> tids;
+    for (const auto& [tid, thread] : threads_) {
+        if (thread.pid == pid) tids.push_back(tid);
+    }
+    std::ranges::sort(tids);
+    return tids;
+}
+
 std::string TraceContents::processName(std::int32_t pid) const {
     const auto program = programs_.find(pid);
     if (program != programs_.end() && !program->second.empty()) return std::string(lastComponent(program->second));

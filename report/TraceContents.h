@@ -81,6 +81,8 @@ public:
     std::uint64_t cpus() const { return cpus_; }
 
     const ThreadName* thread(std::int32_t tid) const;
+    // Of a process, in the order of their ids.
+    std::vector<std::int32_t> threadsOf(std::int32_t pid) const;
     // The process's name: its program, without folders.
     std::string processName(std::int32_t pid) const;
     const std::vector<StackSample>& samples() const { return samples_; }

@@ -77,6 +77,7 @@ void applyWaitPlace(ThreadTimeline& timeline, const WaitPlace& place) {
     if (before != Activity::sleeping && before != Activity::uninterruptible) return;
     timeline.at(before) -= timeline.ongoing->inWindowNs;
     timeline.at(after) += timeline.ongoing->inWindowNs;
+    timeline.strip.move(before, after, timeline.ongoing->interval);
     for (Wait& wait : timeline.longestWaits) {
         if (!wait.hasEnded && wait.activity == before) wait.activity = after;
     }
