@@ -56,6 +56,13 @@ class Judgement(unittest.TestCase):
     def test_flat_is_kept(self):
         self.assertEqual(self.judged(0), 0)
 
+    def test_noise_that_hides_all_is_not_taken_for_flat(self):
+        draw = random.Random(3)
+        samples = [(t / 2, 10_000 + value * 20_000, 0, 600) for t, value in enumerate(noise(draw, 200, 0.9))]
+        verdict = private.Verdict()
+        soak.judge_slopes(samples, 100, verdict)
+        self.assertEqual((verdict.passed, verdict.failed, verdict.skipped), (1, 0, 1))
+
     def test_leak_of_memory_is_found(self):
         self.assertEqual(self.judged(10), 1)
 

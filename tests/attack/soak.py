@@ -4,7 +4,7 @@
     tests/attack/soak.py --build FOLDER [--time S] [--seed N] [--clients N] [--json RESULT]
 
 500 clients send messages and hang, some with a report wished for; clients come and go, apps are activated, and the
-device's memory is recorded every second. Printed are the daemon's memory and descriptors with a fitted slope and its
+device's memory is recorded every two seconds. Printed are the daemon's memory and descriptors with a fitted slope and its
 uncertainty (95 %), the delay of messages, and what was sent and handled. The first fifth of the time, 30 seconds at least,
 is warming up and not fitted. A slope is judged broken when it is above 0 beyond its uncertainty and more than it may be by
 the end of the run.
@@ -21,10 +21,12 @@ import time
 import private
 
 MESSAGES_A_SECOND = 250
-ACTIVATIONS_A_SECOND = 5
+ACTIVATIONS_A_SECOND = 1
 LIVES_A_SECOND = 5
 # What memory may rise by over the whole run besides the fitted noise: the allocator's own spread.
 LEAST_GROWTH_KIB = 1024
+# Where the noise could hide so many times of that, flat can't be said of it.
+NOISE_THAT_TELLS = 8
 
 
 def soak(arguments, verdict):
@@ -40,9 +42,10 @@ def soak(arguments, verdict):
     os.system(f"/bin/sh {private.ROOT / 'packaging/make-folders'}")
     world.install_trace_library("swivex" if arguments.real_reports else "standin_swivex")
     daemon = world.start(QuorvixEnableSwivex="true", QuorvixReportPeriod="0.001", QuorvixDailyLogLimit="1000000000",
-                         QuorvixEnableMemoryLogging="true", QuorvixMemoryLoggingInterval="1",
+                         QuorvixEnableMemoryLogging="true", QuorvixMemoryLoggingInterval="2",
                          QuorvixEnableAppActivationLogging="true", QuorvixAppActivationLoggingMaxActivationCount="1000000000")
     services = fleet.Services(arguments.clients, arguments.seed, rate=MESSAGES_A_SECOND / arguments.clients, hang_every=30, save_reports=True)
+    harness.wait_until(lambda: len(daemon.status()["watched"]) >= arguments.clients, 300, "the watch of all clients")
     sampler = fleet.Sampler(daemon.pid, 0.5)
     sampler.start()
     launcher = world.client()
@@ -94,7 +97,13 @@ def judge_slopes(samples, seconds, verdict):
         over = rise * (times[-1] - times[0]) / 3600 if times else math.nan
         text = (f"{what}: {values[0]} to {values[-1]} {unit} (least {min(values)}, most {max(values)}), slope {rise:+.1f} ± {2 * error:.1f} {unit} an hour "
                 f"over {times[-1] - times[0]:.0f} s, {len(values)} samples")
-        verdict.judge(not (rise - 2 * error > 0 and over > least), text)
+        unknown = 2 * error * (times[-1] - times[0]) / 3600 if times else math.nan
+        if rise - 2 * error > 0 and over > least:
+            verdict.judge(False, text)
+        elif unknown < NOISE_THAT_TELLS * least:
+            verdict.judge(True, text)
+        else:
+            verdict.leave_open(text)
 
 
 def main():
