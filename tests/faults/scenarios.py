@@ -148,6 +148,12 @@ class Scenario:
         if self.world is not None:
             self.world.close()
 
+    def make_store(self):
+        """One operation by a daemon of its own, so that there is a store."""
+        self.start()
+        self.act()
+        self.stop()
+
     def wait(self, condition, what):
         """Until it is true, or the daemon has gone."""
         harness.wait_until(lambda: not self.daemon.alive() or condition(), seconds=30, what=f"{self.name}: {what}")
@@ -351,6 +357,10 @@ class FirstActivation(Activation):
     """The daemon's first activation, of a store that is there."""
     name = "first-activation"
 
+    def begin(self):
+        super().begin()
+        self.make_store()
+
     def relevant(self, call):
         # What it reads of the processes is the same as at every activation.
         return super().relevant(call) and call.file.startswith("/var/lib")
@@ -447,6 +457,11 @@ class LastCounters(Counters):
     """What is written when the daemon is asked to end."""
     name = "last-counters"
     may_end = True
+
+    def begin(self):
+        super().begin()
+        self.make_store()
+        self.stored[self.key] = 1
 
     def settle(self):
         pass
