@@ -181,12 +181,15 @@ void CounterDatabase::prepareSchema() {
     migrateStore(*database_, kMigrations);
 }
 
-// One file of a kind is kept: the last.
+// One file of a kind is kept: the last. The journals go along: SQLite finds by their names what they still hold.
 void CounterDatabase::moveAside(const char* suffix) {
-    std::rename(path_.c_str(), (path_ + suffix).c_str());
-    // A journal left behind would be taken for the new file's.
-    unlink((path_ + "-wal").c_str());
-    unlink((path_ + "-shm").c_str());
+    const std::string target = path_ + suffix;
+    std::rename(path_.c_str(), target.c_str());
+    for (const char* journal : {"-wal", "-shm"}) {
+        // That of an earlier one would be taken for this one's; there may be none of either.
+        unlink((target + journal).c_str());
+        std::rename((path_ + journal).c_str(), (target + journal).c_str());
+    }
     ++movedAside_;
 }
 

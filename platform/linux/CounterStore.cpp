@@ -76,14 +76,15 @@ void CounterStore::run() {
     while (true) {
         waitForWork(lock);
         const Clock::time_point now = Clock::now();
-        if (mustWrite(now)) {
-            const std::uint64_t flush = flushesAsked_;
-            writePending(lock);
+        const std::uint64_t flush = flushesAsked_;
+        if (mustWrite(now)) writePending(lock);
+        if (mustExport(now)) exportNow(lock);
+        if (flush != flushesDone_) {
+            // Not before the export: whoever waits may end the process, and half an export would be left behind.
             flushesDone_ = flush;
             lastFlushWorked_ = retry_.count() == 0;
             done_.notify_all();
         }
-        if (mustExport(now)) exportNow(lock);
         if (ending_) return;
     }
 }

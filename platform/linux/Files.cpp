@@ -59,12 +59,17 @@ Result<int> LinuxFiles::createFile(const FileLocation& file, std::uint32_t mode,
     if (!directory) return directory.error();
     Descriptor created(openBeneath(directory->get(), std::string(file.name).c_str(), mode));
     if (!created) return ErrorCode{errno};
+    // Whoever is told that there is no file must not find one later.
+    const auto failed = [&](int error) {
+        unlinkat(directory->get(), std::string(file.name).c_str(), 0);
+        return ErrorCode{error};
+    };
     struct stat status {};
-    if (fstat(created.get(), &status) != 0) return ErrorCode{errno};
+    if (fstat(created.get(), &status) != 0) return failed(errno);
     if (!S_ISREG(status.st_mode)) return ErrorCode{EEXIST};
     // Non-blocking was for the open alone: the writer of the file must not inherit it.
     const int flags = fcntl(created.get(), F_GETFL);
-    if (flags < 0 || fcntl(created.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return ErrorCode{errno};
+    if (flags < 0 || fcntl(created.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return failed(errno);
     return created.release();
 }
 

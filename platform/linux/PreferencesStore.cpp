@@ -91,9 +91,9 @@ void LinuxPreferencesStore::refresh(std::string_view name, Domain& domain) {
     if (domain.stamp && ::stat(path.c_str(), &status) == 0 && domain.stamp->stillHolds(status)) return;
 
     domain.stamp.reset();
-    domain.onDisk.clear();
     Result<PropertyListOnDisk> onDisk = readPropertyListFile(path);
     if (!onDisk) {
+        if (!mayBeReadLater(onDisk.error())) domain.onDisk.clear();
         // A missing list, or a missing folder, is an empty list.
         return noteReadError(name, domain, onDisk.error().value == ENOENT ? 0 : onDisk.error().value);
     }
@@ -106,7 +106,11 @@ void LinuxPreferencesStore::refresh(std::string_view name, Domain& domain) {
 void LinuxPreferencesStore::noteReadError(std::string_view name, Domain& domain, int error) {
     if (error != 0) ++readFailures_;
     if (error != 0 && error != domain.readError) {
-        log_.standard("preferences of %@ read as missing: %@", name, textOf(error));
+        if (domain.onDisk.empty()) {
+            log_.standard("preferences of %@ read as missing: %@", name, textOf(error));
+        } else {
+            log_.standard("preferences of %@ stay as they were last read: %@", name, textOf(error));
+        }
     }
     domain.readError = error;
 }

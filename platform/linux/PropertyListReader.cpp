@@ -40,13 +40,23 @@ Result<PropertyListOnDisk> readPropertyListFile(const std::string& path) {
 std::optional<PropertyListDictionary> LinuxPropertyListReader::readDictionary(std::string_view path) {
     Result<PropertyListOnDisk> list = readPropertyListFile(std::string(path));
     const int error = list ? 0 : list.error().value;
+    const auto last = last_.find(path);
+    const bool keeps = error != 0 && last != last_.end() && mayBeReadLater(list.error());
     if (error != 0 && error != ENOENT && error != lastError_) {
-        log_.standard("%@: the property list reads as missing: %@", path,
-                      isDamagedList(list.error()) ? std::string("damaged") : list.error().text());
+        const std::string trouble = isDamagedList(list.error()) ? "damaged" : list.error().text();
+        if (keeps) {
+            log_.standard("%@: the property list stays as it was last read: %@", path, trouble);
+        } else {
+            log_.standard("%@: the property list reads as missing: %@", path, trouble);
+        }
     }
     lastError_ = error;
-    if (!list) return std::nullopt;
-    return std::move(list->dictionary);
+    if (keeps) return last->second;
+    if (!list) {
+        if (last != last_.end()) last_.erase(last);
+        return std::nullopt;
+    }
+    return last_.insert_or_assign(std::string(path), std::move(list->dictionary)).first->second;
 }
 
 }  // namespace quorvix::linuxos

@@ -41,6 +41,9 @@ SqliteDatabase::SqliteDatabase(const std::string& path, std::chrono::millisecond
         throw SqliteError(code & 0xff, text);
     }
     sqlite3_busy_timeout(handle_, static_cast<int>(busyTimeout.count()));
+    // The last connection's close would carry the journal over and remove it. Where the index of the journal could not
+    // be made, as on a full disk, nothing is carried over and it is removed all the same, with all that was committed.
+    sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
 }
 
 SqliteDatabase::~SqliteDatabase() { sqlite3_close(handle_); }

@@ -120,6 +120,7 @@ TEST_F(CounterDatabaseTest, NoticesDamageInTheMiddleOfAFile) {
         CounterDatabase writer(folder_.path());
         EXPECT_EQ(writer.write(batch, kStart, refusals_), std::nullopt);
     }
+    SqliteDatabase(path()).execute("PRAGMA wal_checkpoint(TRUNCATE)");
     std::string content = tests::readWholeFile(path());
     ASSERT_GT(content.size(), 16384u);
     for (std::size_t at = 8192; at < content.size(); ++at) content[at] = '\x5a';
@@ -240,6 +241,38 @@ int fillTheDisk(const std::string& folder) {
     if (database.readScalars(see)) return 5;
     if (keys != 1 || value != 1) return 6;
     return database.write(small, kStart, refusals) || database.movedAside() != 0 ? 7 : 0;
+}
+
+// What a killed daemon left, found by the next one on a full disk, where SQLite can't make the journal's index. 0 as
+// expected, else the number of what went wrong.
+int openOnAFullDisk(const std::string& folder) {
+    if (mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=512k") != 0) return tests::kCannotUnshare;
+    CounterRefusals refusals;
+    CounterBatch batch;
+    if (batch.add("a", 1)) return 1;
+    const std::string path = folder + "/tallisk.db";
+    {
+        CounterDatabase killed(folder);
+        if (killed.write(batch, kStart, refusals)) return 2;
+        for (const char* suffix : {"", "-wal"}) {
+            std::filesystem::copy(path + suffix, folder + "/kept" + suffix);
+        }
+    }
+    for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(path + suffix);
+    for (const char* suffix : {"", "-wal"}) std::filesystem::rename(folder + "/kept" + suffix, path + suffix);
+    tests::writeWholeFile(folder + "/ballast", std::string(1 << 20, 'b'));
+    CounterDatabase next(folder);
+    if (!next.write(batch, kStart, refusals)) return 3;
+    std::filesystem::remove(folder + "/ballast");
+    std::int64_t value = 0;
+    if (next.readScalars([&](std::string_view, std::int64_t stored) { value = stored; })) return 4;
+    return value != 1 || next.movedAside() != 0 ? 5 : 0;
+}
+
+TEST_F(CounterDatabaseTest, WhatWasCommittedIsStillThereAfterAStartOnAFullDisk) {
+    const int outcome = tests::runInPrivateMounts([&] { return openOnAFullDisk(folder_.path()); });
+    if (outcome == tests::kCannotUnshare) GTEST_SKIP() << "needs root and mount namespaces";
+    EXPECT_EQ(outcome, 0);
 }
 
 TEST_F(CounterDatabaseTest, AFullDiskFailsTheWriteAndHarmsNothing) {

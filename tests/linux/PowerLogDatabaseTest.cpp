@@ -188,6 +188,7 @@ TEST_F(PowerLogDatabaseTest, NoticesDamageInTheMiddleOfAFile) {
         PowerLogDatabase writer(folder_.path(), {});
         EXPECT_EQ(writer.write(activationOf({.processes = 500}), kStart), std::nullopt);
     }
+    SqliteDatabase(path()).execute("PRAGMA wal_checkpoint(TRUNCATE)");
     std::string content = tests::readWholeFile(path());
     ASSERT_GT(content.size(), 65536u);
     for (std::size_t at = 49152; at < content.size(); ++at) content[at] = '\x5a';

@@ -19,6 +19,7 @@
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/PropertyListFile.h"
 #include "platform/sim/SimLog.h"
+#include "tests/support/NoDescriptors.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace quorvix::linuxos {
@@ -158,6 +159,25 @@ TEST_F(PreferencesStoreTest, DamagedListReadsAsMissingAndIsSaidOnce) {
                 ElementsAre("preferences of com.norvane.da read as missing: it is damaged or too long"));
     EXPECT_EQ(counter("readFailures"), 4u);
     EXPECT_TRUE(log_.texts("").empty());
+}
+
+TEST_F(PreferencesStoreTest, NothingIsSwitchedOffWhileNoDescriptorsAreLeft) {
+    ASSERT_TRUE(set("key", 1));
+    EXPECT_EQ(store_.value("key", kDomain), PropertyListValue(1));
+    LinuxPreferencesStore other(log_, folder_.path());
+    other.setValue("key", 2, kDomain);
+    ASSERT_TRUE(other.synchronise(kDomain));
+    {
+        const tests::NoDescriptors none;
+        EXPECT_EQ(store_.value("key", kDomain), PropertyListValue(1));
+        EXPECT_EQ(store_.value("key", kDomain), PropertyListValue(1));
+        EXPECT_FALSE(store_.list(kDomain)) << "whoever asks for the list as it is now is told that there is none";
+    }
+    EXPECT_EQ(store_.value("key", kDomain), PropertyListValue(2));
+    EXPECT_THAT(log_.texts("platform"),
+                ElementsAre("preferences of com.norvane.da stay as they were last read: Too many open files"));
+    std::filesystem::remove(listPath());
+    EXPECT_EQ(store_.value("key", kDomain), std::nullopt);
 }
 
 TEST_F(PreferencesStoreTest, DamagedListIsMovedAsideBeforeTheFirstWrite) {

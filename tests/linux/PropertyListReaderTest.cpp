@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "platform/linux/DeviceCapabilities.h"
 #include "platform/sim/SimLog.h"
+#include "tests/support/NoDescriptors.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace quorvix::linuxos {
@@ -50,6 +53,32 @@ TEST_F(PropertyListReaderTest, SaysItAgainAfterTheFileWasGood) {
         EXPECT_NE(reader_.readDictionary(path_), std::nullopt);
     }
     EXPECT_EQ(log_.texts("platform").size(), 2u);
+}
+
+TEST_F(PropertyListReaderTest, ProfileStaysInForceWhileNoDescriptorsAreLeft) {
+    write("<dict><key>a</key><integer>1</integer></dict>");
+    EXPECT_EQ(reader_.readDictionary(path_), PropertyListDictionary({{"a", 1}}));
+    write("<dict><key>a</key><integer>2</integer></dict>");
+    {
+        const tests::NoDescriptors none;
+        EXPECT_EQ(reader_.readDictionary(path_), PropertyListDictionary({{"a", 1}}));
+        EXPECT_EQ(reader_.readDictionary(folder_.path("other.plist")), std::nullopt);
+    }
+    EXPECT_EQ(reader_.readDictionary(path_), PropertyListDictionary({{"a", 2}}));
+    EXPECT_THAT(log_.texts("platform"),
+                ElementsAre(path_ + ": the property list stays as it was last read: Too many open files"));
+    std::filesystem::remove(path_);
+    const tests::NoDescriptors none;
+    EXPECT_EQ(reader_.readDictionary(path_), PropertyListDictionary({{"a", 2}})) << "not known yet to be gone";
+}
+
+TEST_F(PropertyListReaderTest, ProfileThatWentIsNotRemembered) {
+    write("<dict><key>a</key><integer>1</integer></dict>");
+    EXPECT_NE(reader_.readDictionary(path_), std::nullopt);
+    std::filesystem::remove(path_);
+    EXPECT_EQ(reader_.readDictionary(path_), std::nullopt);
+    const tests::NoDescriptors none;
+    EXPECT_EQ(reader_.readDictionary(path_), std::nullopt);
 }
 
 TEST_F(PropertyListReaderTest, NeverWaitsForAPipe) {
