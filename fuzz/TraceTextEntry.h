@@ -11,12 +11,14 @@
 
 #include "swivex/EventDecoder.h"
 #include "swivex/EventFormat.h"
+#include "swivex/Freezer.h"
 #include "swivex/KernelModules.h"
 #include "swivex/PacketWriter.h"
 #include "swivex/ProcessText.h"
 #include "swivex/SystemFigures.h"
 #include "swivex/stacks/MemoryMap.h"
 #include "swivex/stacks/MountTable.h"
+#include "swivex/stacks/ThreadText.h"
 
 namespace quorvix::fuzz {
 
@@ -38,6 +40,29 @@ inline bool stat(std::string_view text) {
     const auto line = swivex::parseStat(text);
     require(!line || (text.find(line->comm) != text.npos && text.find(line->state) != text.npos), "a stat of no text");
     return line.has_value();
+}
+
+// One text taken as all that procfs tells of a thread.
+inline bool thread(std::string_view text) {
+    swivex::ThreadStack stack;
+    const bool hasStat = swivex::stacks::parseThreadStat(text, stack);
+    require(!hasStat || (text.find(stack.name) != text.npos && text.find(stack.state) != text.npos),
+            "a thread of no text");
+    const auto frames = swivex::stacks::parseKernelStack(text);
+    for (const auto& frame : frames) {
+        require(text.find(frame.symbol) != text.npos && frame.symbol.find('\n') == text.npos, "a frame of no text");
+    }
+    const std::size_t count = swivex::stacks::threadCountOf(text);
+    require(count == 0 || text.find(std::to_string(count)) != text.npos, "a number of threads that is not in the text");
+    return hasStat || !frames.empty() || count != 0;
+}
+
+inline bool freezer(std::string_view text) {
+    const auto files = swivex::freezerFilesOf(text, "/sys/fs/cgroup");
+    for (const auto& file : files) {
+        require(file.path.starts_with("/sys/fs/cgroup") && file.path.find('\n') == text.npos, "a file of no group");
+    }
+    return !files.empty();
 }
 
 // The first line is the key.
@@ -133,6 +158,8 @@ inline bool traceTextHolds(std::string_view bytes) {
     const std::string_view text = bytes.substr(1);
     switch (bytes.front()) {
         case 's': return trace_text::stat(text);
+        case 'd': return trace_text::thread(text);
+        case 'g': return trace_text::freezer(text);
         case 'k': return trace_text::status(text);
         case 'm': return trace_text::modules(text);
         case 'a': return trace_text::maps(text);
