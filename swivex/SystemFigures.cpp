@@ -100,35 +100,37 @@ void writeCpus(PacketWriter& writer, std::string_view text) {
 
 }  // namespace
 
+void writeFigures(PacketWriter& writer, const FigureTexts& texts) {
+    writeMemory(writer, texts.memory);
+    writeCpus(writer, texts.cpu);
+    for (std::size_t index = 0; index < kPressure.size(); ++index) {
+        const auto total = [&](std::string_view kind, std::uint64_t number) {
+            std::uint64_t microseconds = 0;
+            if (!pressureTotal(texts.pressure[index], kind, microseconds)) return;
+            writer.message(14, [&] {
+                writer.number(1, number);
+                writer.number(2, microseconds * 1000);
+            });
+        };
+        total("some ", kPressure[index].some);
+        total("full ", kPressure[index].full);
+    }
+}
+
 void writeSystemFigures(PacketBuffer& file, const std::string& procFolder, Attributes& attributes,
                         std::uint64_t timeNs) {
-    const auto memory = readSmallFile(procFolder + "/meminfo");
-    if (!memory) attributes.missing("memory", memory.problem());
-    const auto cpu = readSmallFile(procFolder + "/stat");
-    if (!cpu) attributes.missing("cpu", cpu.problem());
-    file.packet(Sequence::figures, 0, timeNs, [&](PacketWriter& writer) {
-        writer.message(kSysStats, [&] {
-            if (memory) writeMemory(writer, *memory);
-            if (cpu) writeCpus(writer, *cpu);
-            for (const PressureFile& pressure : kPressure) {
-                const auto text = readSmallFile(procFolder + "/pressure/" + pressure.name);
-                if (!text) {
-                    attributes.missing("pressure", text.problem());
-                    continue;
-                }
-                const auto total = [&](std::string_view kind, std::uint64_t number) {
-                    std::uint64_t microseconds = 0;
-                    if (!pressureTotal(*text, kind, microseconds)) return;
-                    writer.message(14, [&] {
-                        writer.number(1, number);
-                        writer.number(2, microseconds * 1000);
-                    });
-                };
-                total("some ", pressure.some);
-                total("full ", pressure.full);
-            }
-        });
-    });
+    const auto textOf = [&](const std::string& name, std::string_view source) {
+        auto text = readSmallFile(procFolder + "/" + name);
+        if (text) return std::move(*text);
+        attributes.missing(source, text.problem());
+        return std::string();
+    };
+    FigureTexts texts{.memory = textOf("meminfo", "memory"), .cpu = textOf("stat", "cpu"), .pressure = {}};
+    for (std::size_t index = 0; index < kPressure.size(); ++index) {
+        texts.pressure[index] = textOf(std::string("pressure/") + kPressure[index].name, "pressure");
+    }
+    file.packet(Sequence::figures, 0, timeNs,
+                [&](PacketWriter& writer) { writer.message(kSysStats, [&] { writeFigures(writer, texts); }); });
 }
 
 void writeSystemInfo(PacketBuffer& file, std::uint64_t timeNs) {

@@ -78,6 +78,18 @@ vm_statistics64 vmStatisticsOf(std::string_view meminfo, std::string_view vmstat
     return statistics;
 }
 
+CompressedMemory parseCompressedMemory(std::string_view mmStat) {
+    // Bytes as they were put in, bytes compressed, bytes taken from memory for them, ...
+    std::uint64_t values[3]{};
+    const char* next = mmStat.data();
+    const char* const end = next + mmStat.size();
+    for (std::uint64_t& value : values) {
+        while (next != end && *next == ' ') ++next;
+        next = std::from_chars(next, end, value).ptr;
+    }
+    return {.originalBytes = values[0], .compressedBytes = values[2]};
+}
+
 Result<void> LinuxHostStatistics::vmStatistics64(vm_statistics64& statistics, std::uint32_t count) {
     if (count != kVMStatistics64Count) return ErrorCode{EINVAL};
     const auto meminfo = readFile(places_.proc + "/meminfo");
@@ -88,7 +100,6 @@ Result<void> LinuxHostStatistics::vmStatistics64(vm_statistics64& statistics, st
     return {};
 }
 
-// mm_stat: bytes as they were put in, bytes compressed, bytes taken from memory for them, ...
 CompressedMemory LinuxHostStatistics::compressedBlockDevices() const {
     CompressedMemory sum;
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(places_.blockDevices.c_str()), ::closedir);
@@ -98,15 +109,9 @@ CompressedMemory LinuxHostStatistics::compressedBlockDevices() const {
         if (!name.starts_with("zram")) continue;
         const auto text = readFile(places_.blockDevices + "/" + std::string(name) + "/mm_stat");
         if (!text) continue;  // a device without a disk yet
-        std::uint64_t values[3]{};
-        const char* next = text->data();
-        const char* const end = next + text->size();
-        for (std::uint64_t& value : values) {
-            while (next != end && *next == ' ') ++next;
-            next = std::from_chars(next, end, value).ptr;
-        }
-        sum.originalBytes += values[0];
-        sum.compressedBytes += values[2];
+        const CompressedMemory device = parseCompressedMemory(*text);
+        sum.originalBytes += device.originalBytes;
+        sum.compressedBytes += device.compressedBytes;
     }
     return sum;
 }

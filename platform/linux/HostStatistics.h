@@ -12,6 +12,8 @@ struct CompressedMemory {
     std::uint64_t originalBytes = 0;
     std::uint64_t compressedBytes = 0;
 };
+// Of one device, from the text of its mm_stat file.
+CompressedMemory parseCompressedMemory(std::string_view mmStat);
 
 // The record from the texts of /proc/meminfo and /proc/vmstat and what the compressed block devices hold.
 vm_statistics64 vmStatisticsOf(std::string_view meminfo, std::string_view vmstat, const CompressedMemory& zram,

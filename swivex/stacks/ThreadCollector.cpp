@@ -14,6 +14,7 @@
 
 #include "swivex/stacks/ProcFile.h"
 #include "swivex/stacks/ThreadStopper.h"
+#include "swivex/stacks/ThreadText.h"
 
 namespace quorvix::swivex::stacks {
 
@@ -29,31 +30,6 @@ constexpr std::size_t kMostStackBytes = 256 << 10;
 constexpr int kLooks = 3;
 
 bool hasEnded(char state) { return state == 'Z' || state == 'X'; }
-
-// "1234 (name) S ...": the name may hold anything, so it ends at the last parenthesis.
-bool parseStat(std::string_view text, ThreadStack& thread) {
-    const std::size_t open = text.find('(');
-    const std::size_t close = text.rfind(')');
-    if (open == std::string_view::npos || close == std::string_view::npos || close < open || text.size() < close + 3) {
-        return false;
-    }
-    thread.name = text.substr(open + 1, close - open - 1);
-    thread.state = text[close + 2];
-    return true;
-}
-
-// Lines of "[<0>] name+0x12/0x34".
-std::vector<KernelFrame> parseKernelStack(std::string_view text) {
-    std::vector<KernelFrame> frames;
-    while (!text.empty() && frames.size() < SWIVEX_KERNEL_FRAMES) {
-        const std::size_t end = std::min(text.find('\n'), text.size());
-        const std::string_view line = text.substr(0, end);
-        text.remove_prefix(std::min(end + 1, text.size()));
-        const std::size_t name = line.find("] ");
-        if (name != std::string_view::npos) frames.push_back({0, std::string(line.substr(name + 2))});
-    }
-    return frames;
-}
 
 std::vector<pid_t> listThreads(pid_t pid) {
     std::vector<pid_t> ids;
@@ -132,7 +108,7 @@ void ThreadCollector::listByProcfs() {
         CapturedThread thread;
         thread.stack.tid = tid;
         const std::string folder = "task/" + std::to_string(tid);
-        if (!parseStat(readProcFile(pid_, folder + "/stat", kMostStatBytes), thread.stack)) continue;
+        if (!parseThreadStat(readProcFile(pid_, folder + "/stat", kMostStatBytes), thread.stack)) continue;
         // A running thread's has no meaning.
         if (options_.kernelSymbols && thread.stack.state != 'R') {
             thread.stack.kernel = parseKernelStack(readProcFile(pid_, folder + "/stack", kMostStatBytes));
@@ -143,12 +119,7 @@ void ThreadCollector::listByProcfs() {
 }
 
 void ThreadCollector::countLeftOut() {
-    constexpr std::string_view kLabel = "\nThreads:\t";
-    const std::string status = readProcFile(pid_, "status", kMostStatBytes);
-    const std::size_t at = status.find(kLabel);
-    std::size_t count = 0;
-    if (at == std::string::npos) return;
-    std::from_chars(status.data() + at + kLabel.size(), status.data() + status.size(), count);
+    const std::size_t count = threadCountOf(readProcFile(pid_, "status", kMostStatBytes));
     if (count > threads_.size() && threads_.size() == kMostStacks) summary_.threadsLeftOut = count - threads_.size();
 }
 

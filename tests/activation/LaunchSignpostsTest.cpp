@@ -132,6 +132,12 @@ TEST_F(LaunchSignposts, WithoutSnapshotsNothingWasUsed) {
     EXPECT_TRUE(hasText("QXActivationStats: delta_cpu_statistics: Empty start or end CPU stats\n"));
 }
 
+TEST_F(LaunchSignposts, WithoutMemoryForSnapshotsNothingWasUsed) {
+    perfState().memory.setMaximumBytes(0);
+    launch();
+    EXPECT_EQ(events().back(), endOf(412, kTelemetryFormat, 0, 0));
+}
+
 TEST_F(LaunchSignposts, NothingOnADeviceThatIsNotInternal) {
     settings().internalBuild = false;
     launch();

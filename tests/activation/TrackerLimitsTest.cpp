@@ -120,6 +120,17 @@ TEST_F(TrackerLimits, OpenActivationsCountTowardsTheIdentifiersHeld) {
     EXPECT_EQ(open(), 1u);
 }
 
+TEST_F(TrackerLimits, ABeginThatWaitedFindsWhatWasOpenedMeanwhile) {
+    // Each has room while it waits; the first one takes three times its size once it is open.
+    const std::string bundleID(std::size_t{3} << 20, 'x');
+    queueBegin({.pid = 1, .bundleID = bundleID});
+    queueBegin({.pid = 2, .bundleID = bundleID});
+    EXPECT_EQ(counters().droppedSteps, 0u);
+    device.scheduler.runPending();
+    EXPECT_EQ(open(), 1u);
+    EXPECT_EQ(counters().droppedBegins, 1u);
+}
+
 TEST_F(TrackerLimits, KeepsAtMost16384TimeOutsPending) {
     for (int i = 0; i < 16384; ++i) {
         begin({.bundleID = "b", .type = 0});

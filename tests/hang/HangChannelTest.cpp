@@ -105,6 +105,37 @@ TEST_F(HangChannelCheck, SlotsPastTheCountAreNotLookedAt) {
     EXPECT_THAT(check(6000), ElementsAre(hang("main")));
 }
 
+// Four slots are looked at in a round: each place in it is a slot like the others.
+TEST_F(HangChannelCheck, EverySlotIsFoundWhereverItStands) {
+    for (std::uint32_t slot = 0; slot < 20; ++slot) {
+        App app = watchRegion(20, kMinimum, static_cast<std::int32_t>(100 + slot));
+        app.begin(slot, 0, "late", false);
+        EXPECT_THAT(check(6000), ElementsAre(hang("late"))) << slot;
+        QXProcessInfo::stopWatchingPid(static_cast<std::int32_t>(100 + slot));
+    }
+}
+
+TEST_F(HangChannelCheck, WorkThatIsNotLateYetIsPassedOverWhereverItStands) {
+    for (std::uint32_t slot = 0; slot < 19; ++slot) {
+        App app = watchRegion(20, kMinimum, static_cast<std::int32_t>(100 + slot));
+        app.begin(slot, 1000, "young", false);
+        app.begin(slot + 1, 0, "late", false);
+        EXPECT_THAT(check(6000), ElementsAre(hang("late"))) << slot;
+        EXPECT_EQ(app.channel().slots[slot].startTime, 1000u) << slot;
+        QXProcessInfo::stopWatchingPid(static_cast<std::int32_t>(100 + slot));
+    }
+}
+
+TEST_F(HangChannelCheck, TheCountEndsTheLookWhereverItStands) {
+    for (std::uint32_t count = 0; count < 20; ++count) {
+        App app = watchRegion(count, kMinimum, static_cast<std::int32_t>(100 + count));
+        app.begin(count, 0, "behind", false);
+        EXPECT_THAT(check(6000), IsEmpty()) << count;
+        EXPECT_EQ(app.channel().slots[count].startTime, 0u) << count;
+        QXProcessInfo::stopWatchingPid(static_cast<std::int32_t>(100 + count));
+    }
+}
+
 TEST_F(HangChannelCheck, AStartOfAllOnesLiesInTheFuture) {
     App app = watchRegion();
     app.begin(0, 0xFFFFFFFFFFFFFFFFu, "main", false);

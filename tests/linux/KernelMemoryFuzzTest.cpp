@@ -1,25 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <string>
-
 #include "fuzz/SlabInfoEntry.h"
 #include "fuzz/VmallocInfoEntry.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/FuzzSeeds.h"
 
 namespace quorvix {
 namespace {
 
-void expectSeedsHold(const std::string& corpus, bool (*entry)(std::string_view), int least) {
-    const auto folder = std::filesystem::path(QUORVIX_SOURCE_FOLDER) / "fuzz/corpus" / corpus;
-    int seeds = 0;
-    for (const auto& seed : std::filesystem::directory_iterator(folder)) {
-        const bool bad = seed.path().filename().string().starts_with("bad-");
-        EXPECT_EQ(entry(tests::readWholeFile(seed.path())), !bad) << seed.path();
-        ++seeds;
-    }
-    EXPECT_GE(seeds, least);
-}
+using tests::expectSeedsHold;
 
 TEST(KernelMemoryFuzzTest, EverySeedOfTheSlabListIsReadUnlessItIsNamedBad) {
     expectSeedsHold("slab-info", slabInfoHolds, 5);

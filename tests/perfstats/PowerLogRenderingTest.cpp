@@ -242,6 +242,19 @@ TEST_F(PowerLogEvents, LeaveOutTheHostsFiguresThatWereNotCaptured) {
     EXPECT_THAT(sent("MemoryStatistics").back(), Not(HasSubstr("i2: {")));
 }
 
+TEST_F(PowerLogEvents, TellOfTheOneSnapshotThatThereIs) {
+    for (const bool atStart : {true, false}) {
+        if (atStart) perfState().memory.failNth(1);
+        const auto record = AppActivation::initWithStatisticsType(3, kPid, kBundle, kNow, kNow, 1, 1);
+        if (!atStart) perfState().memory.failNth(1);
+        record->activationEndedWithResult(0, kNow);
+        record->logAppActivationDataToWattrel();
+        EXPECT_THAT(sent("MemoryStatistics").back(), testing::StartsWith(atStart ? "{i2: {" : "{i1: {"));
+        EXPECT_THAT(sent("MemoryStatistics").back(), Not(HasSubstr(atStart ? "i1: {" : "i2: {")));
+        EXPECT_EQ(cpu(), "{}");
+    }
+}
+
 TEST_F(PowerLogEvents, AreSentWithoutATable) {
     device.processes.faults.failAlways("listAllPids", {EIO});
     send(1, {}, {});

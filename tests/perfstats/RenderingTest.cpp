@@ -67,6 +67,16 @@ protected:
         device.log.clear();
         return record;
     }
+    // An activation with all figures whose first or last snapshot had no memory.
+    std::shared_ptr<AppActivation> withoutSnapshot(bool atStart) {
+        device.host.statistics = distinctStatistics();
+        if (atStart) perfState().memory.failNth(1);
+        const auto record = AppActivation::initWithStatisticsType(3, kPid, kBundle, kNow, kNow, 1, 1);
+        if (!atStart) perfState().memory.failNth(1);
+        record->activationEndedWithResult(0, kNow);
+        device.log.clear();
+        return record;
+    }
     std::shared_ptr<AppActivation> threeProcesses(std::uint8_t type) {
         return activation(
             type, {{.pid = 7, .name = "gone", .usage = distinctUsage()}, {.pid = 412, .name = "Mail"}},
@@ -186,6 +196,17 @@ TEST_F(Rendering, ConsoleLeavesOutTheDifferenceWithoutAnEnd) {
     EXPECT_EQ(device.console.printed(), std::string("\nStart VM Statistics (pages)\n") + kVMHeader + kVMValues);
 }
 
+TEST_F(Rendering, ConsoleShowsTheOneSnapshotThatThereIs) {
+    for (const bool atStart : {true, false}) {
+        const std::string before = device.console.printed();
+        withoutSnapshot(atStart)->logAppActivationDataToConsole();
+        const std::string title = atStart ? "\nEnd VM Statistics (pages)\n" : "\nStart VM Statistics (pages)\n";
+        EXPECT_EQ(device.console.printed(), before + title + kVMHeader + kVMValues);
+        EXPECT_THAT(device.console.logged(), IsEmpty());
+        EXPECT_EQ(lines().front(), "default: QXActivationStats: delta_cpu_statistics: Empty start or end CPU stats\n");
+    }
+}
+
 // The JSON text: seventeen blanks after a process's figures, five before the host's.
 
 const std::string k17(17, ' ');
@@ -297,6 +318,12 @@ TEST_F(Rendering, JsonLeavesOutTheHostsFiguresThatWereNotCaptured) {
     for (const std::uint64_t call : {1, 2}) {
         device.host.faults.failNth("vmStatistics64", call, {EIO});
         EXPECT_EQ(json(*vmActivation(distinctStatistics(), distinctStatistics())), "\n{\n,}\n");
+    }
+}
+
+TEST_F(Rendering, JsonOfOneSnapshotHasNeitherFiguresNorProcesses) {
+    for (const bool atStart : {true, false}) {
+        EXPECT_EQ(json(*withoutSnapshot(atStart)), "\n{\n\"cpu_statistics\":\n[\t]\n,}\n");
     }
 }
 

@@ -57,6 +57,25 @@ TEST_F(DaemonState, SaysWhenCreditsComeBack) {
     EXPECT_NE(budget.find(R"("nextRefillInSeconds":11)"), std::string::npos) << budget;
 }
 
+TEST_F(DaemonState, WithoutHangTracingNoCreditsComeBack) {
+    prefer("QuorvixEnableMemoryLogging", true);
+    start();
+    const std::string budget = published("budget");
+    EXPECT_NE(budget.find(R"("nextRefillInSeconds":null,"dailyResetInSeconds":null)"), std::string::npos) << budget;
+}
+
+// A tick past the last of a day has its end behind it until the next check begins another.
+TEST_F(DaemonState, TheDayIsOverWithItsLastTick) {
+    constexpr std::uint64_t kDay = 2'073'600'000'001;
+    startWithHangTracing();
+    advanceMs(5'000);
+    const std::uint64_t begin = settings().dailyPeriodStartTicks;
+    EXPECT_EQ(ticksToDailyReset(begin), kDay);
+    EXPECT_EQ(ticksToDailyReset(begin + kDay - 1), 1u);
+    EXPECT_EQ(ticksToDailyReset(begin + kDay), 0u);
+    EXPECT_EQ(ticksToDailyReset(begin + kDay + 1), 0u);
+}
+
 TEST_F(DaemonState, ShowsRefusalsWithTheirReasonsNewestFirst) {
     startWithHangTracing();
     hangState().refusals.add("Mail", "main", RefusalReason::appCredits, device.tickClock.now());

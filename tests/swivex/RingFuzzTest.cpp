@@ -1,26 +1,22 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "fuzz/RingPageEntry.h"
 #include "fuzz/RingTextEntry.h"
-#include "tests/support/TemporaryFolder.h"
+#include "fuzz/StackRecordsEntry.h"
+#include "fuzz/TraceTextEntry.h"
+#include "tests/support/FuzzSeeds.h"
 
-namespace {
-
-void expectSeedsHold(const std::string& corpus, bool (*entry)(std::string_view), int least) {
-    const auto folder = std::filesystem::path(QUORVIX_SOURCE_FOLDER "/fuzz/corpus") / corpus;
-    int seeds = 0;
-    for (const auto& seed : std::filesystem::directory_iterator(folder)) {
-        const bool bad = seed.path().filename().string().starts_with("bad-");
-        EXPECT_EQ(entry(quorvix::tests::readWholeFile(seed.path())), !bad) << seed.path();
-        ++seeds;
-    }
-    EXPECT_GE(seeds, least);
-}
-
-}  // namespace
+using quorvix::tests::expectSeedsHold;
 
 TEST(RingFuzz, EverySeedOfAPageIsReadUnlessItIsNamedBad) { expectSeedsHold("ring-page", ringPageHolds, 6); }
 
 TEST(RingFuzz, EverySeedOfALineIsReadUnlessItIsNamedBad) { expectSeedsHold("ring-text", ringTextHolds, 8); }
+
+TEST(TraceTextFuzz, EverySeedIsReadUnlessItIsNamedBad) {
+    expectSeedsHold("trace-text", quorvix::fuzz::traceTextHolds, 22);
+}
+
+TEST(StackRecordsFuzz, EverySeedIsCompleteUnlessItIsNamedBad) {
+    const auto entry = [](const std::string& bytes) { return stackRecordsHold(std::as_bytes(std::span(bytes))); };
+    expectSeedsHold("stack-records", entry, 9);
+}
