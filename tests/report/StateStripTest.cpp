@@ -12,10 +12,10 @@ using enum Activity;
 using Piece = StateStrip::Run;
 using testing::ElementsAre;
 
-constexpr Interval kWindow{1000, 2000};
+constexpr Interval kShown{1000, 2000};
 
 TEST(StateStrip, EachSliceIsWhatTheThreadDidForMostOfIt) {
-    StateStrip strip(kWindow, 10);
+    StateStrip strip(kShown, 10);
     strip.add(running, {1000, 1249});
     strip.add(sleeping, {1249, 1900});
     EXPECT_THAT(strip.runs(), ElementsAre(Piece{running, 2}, Piece{sleeping, 7}, Piece{unknown, 1}));
@@ -23,14 +23,14 @@ TEST(StateStrip, EachSliceIsWhatTheThreadDidForMostOfIt) {
 
 TEST(StateStrip, MoreThanHalfOfASliceDecides) {
     for (const std::uint64_t end : {1050, 1051}) {
-        StateStrip strip(kWindow, 10);
+        StateStrip strip(kShown, 10);
         strip.add(sleeping, {1000, end});
         EXPECT_EQ(strip.runs().front().activity, end > 1050 ? sleeping : unknown) << end;
     }
 }
 
 TEST(StateStrip, WhatLiesOutsideOfTheWindowIsLeftOut) {
-    StateStrip strip(kWindow, 4);
+    StateStrip strip(kShown, 4);
     strip.add(running, {0, 1000});
     strip.add(sleeping, {2000, UINT64_MAX});
     EXPECT_THAT(strip.runs(), ElementsAre(Piece{unknown, 4}));
@@ -39,7 +39,7 @@ TEST(StateStrip, WhatLiesOutsideOfTheWindowIsLeftOut) {
 }
 
 TEST(StateStrip, MovesNoMoreThanThereWas) {
-    StateStrip strip(kWindow, 4);
+    StateStrip strip(kShown, 4);
     strip.add(running, {1000, 1500});
     strip.add(uninterruptible, {1500, 2000});
     strip.move(uninterruptible, sleeping, {0, 2000});
@@ -50,7 +50,7 @@ TEST(StateStrip, HasNoMoreSlicesThanNanoseconds) {
     StateStrip strip({5, 8}, 100);
     strip.add(running, {6, 7});
     EXPECT_THAT(strip.runs(), ElementsAre(Piece{unknown, 1}, Piece{running, 1}, Piece{unknown, 1}));
-    EXPECT_TRUE(StateStrip(kWindow, 0).runs().empty());
+    EXPECT_TRUE(StateStrip(kShown, 0).runs().empty());
     EXPECT_TRUE(StateStrip({8, 5}, 100).runs().empty());
 }
 
