@@ -119,8 +119,9 @@ void ThreadCollector::listByProcfs() {
 }
 
 void ThreadCollector::countLeftOut() {
+    if (threads_.size() < kMostStacks) return;
     const std::size_t count = threadCountOf(readProcFile(pid_, "status", kMostStatBytes));
-    if (count > threads_.size() && threads_.size() == kMostStacks) summary_.threadsLeftOut = count - threads_.size();
+    if (count > threads_.size()) summary_.threadsLeftOut = count - threads_.size();
 }
 
 void ThreadCollector::readMap() { map_ = MemoryMap::parse(readProcFile(memoryId_, "maps", kMostMapBytes)); }
