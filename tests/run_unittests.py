@@ -14,6 +14,8 @@ def main():
     file, report = Path(sys.argv[1]), Path(sys.argv[2])
     found = importlib.util.spec_from_file_location(file.stem, file)
     module = importlib.util.module_from_spec(found)
+    # Where unittest looks for setUpModule.
+    sys.modules[file.stem] = module
     found.loader.exec_module(module)
     result = unittest.TextTestRunner(verbosity=2).run(unittest.defaultTestLoader.loadTestsFromModule(module))
     failed, skipped = len(result.failures) + len(result.errors) + len(result.unexpectedSuccesses), len(result.skipped)
