@@ -183,7 +183,7 @@ class Packages(unittest.TestCase):
             self.skipTest("this tool draws no pages")
         (report,) = MACHINE.reports()
         page = MACHINE.path("/root/page.html")
-        MACHINE.must("sh", "-c", f"cd /root && quorvixctl report html {SPOOL}/{report.name} --output /root/page.html")
+        MACHINE.must("quorvixctl", "report", "html", f"{SPOOL}/{report.name}", "--output", "/root/page.html")
         text = page.read_text()
         self.assertTrue(text.lstrip().lower().startswith("<!doctype html>"), text[:80])
         self.assertNotRegex(text, r"""(src|href)=["']?https?:""")
