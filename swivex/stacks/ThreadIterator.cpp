@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <string_view>
 
 #include "swivex/Descriptor.h"
 #include "swivex/ProcessNamespace.h"
@@ -62,29 +62,28 @@ bool ThreadIterator::walk(pid_t pid, std::size_t most, std::vector<swivex_thread
 
 std::vector<std::string> ThreadIterator::names(std::span<const std::uint64_t> addresses) {
     std::vector<std::string> all;
-    for (std::size_t done = 0; done < addresses.size();) {
-        const std::size_t count = std::min<std::size_t>(SWIVEX_SYMBOLS, addresses.size() - done);
-        const char(*texts)[SWIVEX_SYMBOL_BYTES] = nullptr;
-        swivex_u64 start = 0;
-        if (swivex_thread_stacks_name(program_.get(), &addresses[done], static_cast<swivex_u32>(count), &texts,
-                                      &start) != 0) {
+    while (all.size() < addresses.size()) {
+        const std::span<const std::uint64_t> some =
+            addresses.subspan(all.size(), std::min<std::size_t>(SWIVEX_SYMBOLS, addresses.size() - all.size()));
+        const char* lines = nullptr;
+        if (swivex_thread_stacks_name(program_.get(), some.data(), static_cast<swivex_u32>(some.size()), &lines) != 0) {
             break;
         }
-        for (std::size_t i = 0; i < count; ++i) {
-            const std::string text(texts[i], ::strnlen(texts[i], SWIVEX_SYMBOL_BYTES));
-            // Without a name the kernel writes the number.
-            all.push_back(text.starts_with("0x") ? std::string() : text);
+        std::string_view left(lines);
+        for (std::size_t i = 0; i < some.size(); ++i) {
+            const std::size_t end = left.find('\n');
+            // A last line that is cut off is no name. Without a name the kernel writes the number.
+            const bool isName = end != std::string_view::npos && !left.starts_with("0x");
+            all.emplace_back(isName ? left.substr(0, end) : std::string_view());
+            left.remove_prefix(end == std::string_view::npos ? left.size() : end + 1);
         }
-        done += count;
     }
     all.resize(addresses.size());
     return all;
 }
 
-std::uint64_t ThreadIterator::kernelTextStart() {
-    const char(*texts)[SWIVEX_SYMBOL_BYTES] = nullptr;
-    swivex_u64 start = 0;
-    return program_ && swivex_thread_stacks_name(program_.get(), nullptr, 0, &texts, &start) == 0 ? start : 0;
+std::uint64_t ThreadIterator::kernelTextStart() const {
+    return program_ ? swivex_thread_stacks_text_start(program_.get()) : 0;
 }
 
 #else  // built without the tools that make the program
@@ -95,7 +94,7 @@ bool ThreadIterator::walk(pid_t, std::size_t, std::vector<swivex_thread_record>&
 std::vector<std::string> ThreadIterator::names(std::span<const std::uint64_t> addresses) {
     return std::vector<std::string>(addresses.size());
 }
-std::uint64_t ThreadIterator::kernelTextStart() { return 0; }
+std::uint64_t ThreadIterator::kernelTextStart() const { return 0; }
 
 #endif
 

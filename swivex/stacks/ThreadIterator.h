@@ -26,8 +26,8 @@ public:
     bool walk(pid_t pid, std::size_t most, std::vector<swivex_thread_record>& records);
     // The names of kernel addresses, empty where there is none.
     std::vector<std::string> names(std::span<const std::uint64_t> addresses);
-    // Where the kernel's text starts; 0 when it isn't known.
-    std::uint64_t kernelTextStart();
+    // Where the kernel's text starts, known after a walk; 0 when it isn't known.
+    std::uint64_t kernelTextStart() const;
 
 private:
     struct Unload {

@@ -19,7 +19,7 @@ typedef int swivex_i32;
 
 #define SWIVEX_REGISTER_WORDS 34 /* as many as any processor's user registers take */
 #define SWIVEX_KERNEL_FRAMES 64
-#define SWIVEX_SYMBOLS 64
+#define SWIVEX_SYMBOLS 12 /* as many as the kernel writes with one call */
 #define SWIVEX_SYMBOL_BYTES 128
 
 struct swivex_thread_record {

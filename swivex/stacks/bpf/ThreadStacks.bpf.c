@@ -18,19 +18,36 @@ extern const void _stext __ksym __weak;
 
 swivex_i32 wanted_pid;
 swivex_u64 kernel_text_start;
-swivex_u32 symbol_count;
+/* Named at the end of a walk when the first isn't 0, a line each. */
 swivex_u64 symbol_addresses[SWIVEX_SYMBOLS];
-char symbol_texts[SWIVEX_SYMBOLS][SWIVEX_SYMBOL_BYTES];
+char symbol_lines[SWIVEX_SYMBOLS * SWIVEX_SYMBOL_BYTES];
 /* Too large for the stack. One reader at a time runs the iterator. */
 struct swivex_thread_record record;
+
+/* The kernel's names of its own addresses, as it writes them into a stack: all with one call, since loading a loop
+ * costs more than all else here. */
+static void name_addresses(void) {
+    static const char format[] = "%pB\n%pB\n%pB\n%pB\n%pB\n%pB\n%pB\n%pB\n%pB\n%pB\n%pB\n%pB\n";
+    if (bpf_snprintf(symbol_lines, sizeof symbol_lines, format, symbol_addresses, sizeof symbol_addresses) < 0) {
+        symbol_lines[0] = 0;
+    }
+}
 
 SEC("iter/task")
 int read_thread(struct bpf_iter__task* context) {
     struct task_struct* task = context->task;
+    struct seq_file* seq = context->meta->seq;
     swivex_u32 register_bytes = bpf_core_type_size(struct pt_regs);
 
+    /* Read here, and not by each way to its use: the kernel searches all its types at each such read that it checks. */
+    asm volatile("" : "+r"(seq));
+    if (!task) {
+        kernel_text_start = (swivex_u64)&_stext;
+        if (symbol_addresses[0]) name_addresses();
+        return 0;
+    }
     /* Where the iterator can't be told the process, it walks them all. */
-    if (!task || task->tgid != wanted_pid) return 0;
+    if (task->tgid != wanted_pid) return 0;
     record.start_ns = task->start_boottime;
     record.switches = task->nvcsw + task->nivcsw;
     record.tid = task->pid;
@@ -52,24 +69,6 @@ int read_thread(struct bpf_iter__task* context) {
         }
         record.kernel_bytes = bpf_get_task_stack(task, record.kernel, sizeof record.kernel, 0);
     }
-    bpf_seq_write(context->meta->seq, &record, sizeof record);
-    return 0;
-}
-
-static long name_address(swivex_u32 i, void* context) {
-    static const char format[] = "%pB";
-    if (i >= SWIVEX_SYMBOLS) return 1;
-    if (bpf_snprintf(symbol_texts[i], SWIVEX_SYMBOL_BYTES, format, &symbol_addresses[i], sizeof(swivex_u64)) < 0) {
-        symbol_texts[i][0] = 0;
-    }
-    return 0;
-}
-
-/* The kernel's names of its own addresses, as it writes them into a stack. */
-SEC("syscall")
-int name_addresses(void* context) {
-    kernel_text_start = (swivex_u64)&_stext;
-    /* Called back, since a loop is checked turn by turn when it is loaded. */
-    bpf_loop(symbol_count, name_address, 0, 0);
+    bpf_seq_write(seq, &record, sizeof record);
     return 0;
 }

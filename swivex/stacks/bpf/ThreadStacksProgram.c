@@ -9,6 +9,8 @@
 
 #include <ThreadStacks.lskel.h>
 
+enum { NO_PROCESS = -1 };
+
 struct swivex_thread_stacks {
     struct thread_stacks* skeleton;
 };
@@ -31,7 +33,8 @@ int swivex_thread_stacks_load(struct swivex_thread_stacks** program) {
     return 0;
 }
 
-int swivex_thread_stacks_walk(struct swivex_thread_stacks* program, int pid, int* descriptor) {
+/* Walks the threads of `pid`, and tells of those of `wanted`. */
+static int open_walk(struct swivex_thread_stacks* program, int pid, int wanted, int* descriptor) {
     union bpf_iter_link_info only;
     union bpf_attr attributes;
     int link;
@@ -43,7 +46,7 @@ int swivex_thread_stacks_walk(struct swivex_thread_stacks* program, int pid, int
     attributes.link_create.attach_type = BPF_TRACE_ITER;
     attributes.link_create.iter_info = (swivex_u64)(size_t)&only;
     attributes.link_create.iter_info_len = sizeof only;
-    program->skeleton->bss->wanted_pid = pid;
+    program->skeleton->bss->wanted_pid = wanted;
     link = skel_sys_bpf(BPF_LINK_CREATE, &attributes, sizeof attributes);
     if (link < 0 && errno == EINVAL) {
         /* A kernel that can't be told the process walks them all. */
@@ -61,18 +64,33 @@ int swivex_thread_stacks_walk(struct swivex_thread_stacks* program, int pid, int
     return error;
 }
 
+int swivex_thread_stacks_walk(struct swivex_thread_stacks* program, int pid, int* descriptor) {
+    return open_walk(program, pid, pid, descriptor);
+}
+
 int swivex_thread_stacks_name(struct swivex_thread_stacks* program, const swivex_u64* addresses, swivex_u32 count,
-                              const char (**names)[SWIVEX_SYMBOL_BYTES], swivex_u64* text_start) {
-    union bpf_attr attributes;
+                              const char** lines) {
+    swivex_u64* const asked = program->skeleton->bss->symbol_addresses;
+    char none;
+    int walk;
+    int error;
     if (count > SWIVEX_SYMBOLS) return E2BIG;
-    memset(&attributes, 0, sizeof attributes);
-    if (count > 0) memcpy(program->skeleton->bss->symbol_addresses, addresses, count * sizeof *addresses);
-    program->skeleton->bss->symbol_count = count;
-    attributes.test.prog_fd = (swivex_u32)program->skeleton->progs.name_addresses.prog_fd;
-    if (skel_sys_bpf(BPF_PROG_RUN, &attributes, sizeof attributes.test) < 0) return errno;
-    *names = (const char(*)[SWIVEX_SYMBOL_BYTES])program->skeleton->bss->symbol_texts;
-    *text_start = program->skeleton->bss->kernel_text_start;
-    return 0;
+    memset(asked, 0, sizeof program->skeleton->bss->symbol_addresses);
+    memcpy(asked, addresses, count * sizeof *addresses);
+    program->skeleton->bss->symbol_lines[0] = 0;
+    /* Any walk does, so the shortest there is: of this process, with no thread that is told of. */
+    error = open_walk(program, getpid(), NO_PROCESS, &walk);
+    if (error == 0) {
+        if (read(walk, &none, sizeof none) < 0) error = errno;
+        close(walk);
+    }
+    asked[0] = 0;
+    *lines = program->skeleton->bss->symbol_lines;
+    return error;
+}
+
+swivex_u64 swivex_thread_stacks_text_start(const struct swivex_thread_stacks* program) {
+    return program->skeleton->bss->kernel_text_start;
 }
 
 void swivex_thread_stacks_unload(struct swivex_thread_stacks* program) {

@@ -14,9 +14,11 @@ struct swivex_thread_stacks;
 int swivex_thread_stacks_load(struct swivex_thread_stacks** program);
 /* Opens one walk over the threads of `pid`, as the kernel counts it: reading the descriptor gives whole records. */
 int swivex_thread_stacks_walk(struct swivex_thread_stacks* program, int pid, int* descriptor);
-/* The names of at most SWIVEX_SYMBOLS addresses, and where the kernel's text starts. They stay until the next call. */
+/* The names of at most SWIVEX_SYMBOLS addresses other than 0, a line each. They stay until the next call. */
 int swivex_thread_stacks_name(struct swivex_thread_stacks* program, const swivex_u64* addresses, swivex_u32 count,
-                              const char (**names)[SWIVEX_SYMBOL_BYTES], swivex_u64* text_start);
+                              const char** lines);
+/* Where the kernel's text starts, known when a walk has come to its end; 0 until then. */
+swivex_u64 swivex_thread_stacks_text_start(const struct swivex_thread_stacks* program);
 void swivex_thread_stacks_unload(struct swivex_thread_stacks* program);
 
 #ifdef __cplusplus
