@@ -117,7 +117,7 @@ def attack(arguments, verdict):
     client.close()
     world.clients.clear()
     sampler = fleet.Sampler(daemon.pid, 0.25)
-    base = sampler.look()
+    base, open_at_first = sampler.look(), fleet.descriptors(daemon.pid)
     sampler.start()
     services = fleet.Services(GOOD_CLIENTS, arguments.seed, rate=20, hang_every=8)
     time.sleep(1)
@@ -155,6 +155,7 @@ def attack(arguments, verdict):
     for child in world.children:
         child.close()
     check_rest(daemon, base, sampler, verdict)
+    print(f"descriptors that are new at rest: {fleet.difference(open_at_first, fleet.descriptors(daemon.pid))}")
     try:
         world.close()
         verdict.judge(True, "at the end nothing is left: connections, mappings, descriptors, files in tmp")

@@ -1,10 +1,12 @@
 """What is measured of the daemon: the service of clients that behave, its memory, its descriptors."""
 
+import collections
 import contextlib
 import json
 import math
 import os
 import pathlib
+import re
 import resource
 import shutil
 import sqlite3
@@ -69,6 +71,21 @@ class Sampler(threading.Thread):
     def stop(self):
         self.ended.set()
         self.join()
+
+
+def descriptors(pid):
+    """What the open descriptors are of, and how many of each; without the numbers that the kernel gives."""
+    found = collections.Counter()
+    for entry in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):
+            found[re.sub(r":\[\d+\]|memfd:.*", "", os.readlink(entry)) or "memfd"] += 1
+    return found
+
+
+def difference(before, after):
+    """In words, for a line: "tallisk.db +1, socket -2"."""
+    changes = {name: after[name] - before[name] for name in sorted(before | after)}
+    return ", ".join(f"{name} {change:+d}" for name, change in changes.items() if change) or "none"
 
 
 def slope(times, values):

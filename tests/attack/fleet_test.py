@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """The soak's fit finds a slope that is there, and none where there is only noise."""
 
+import collections
 import math
+import os
 import pathlib
 import random
 import sys
@@ -68,6 +70,23 @@ class Judgement(unittest.TestCase):
 
     def test_leak_of_descriptors_is_found(self):
         self.assertEqual(self.judged(0, 0.1), 1)
+
+
+class Descriptors(unittest.TestCase):
+    def test_are_told_by_what_they_are_of(self):
+        before = fleet.descriptors(os.getpid())
+        reading, writing = os.pipe()
+        with open(__file__):
+            after = fleet.descriptors(os.getpid())
+        os.close(reading)
+        os.close(writing)
+        self.assertEqual(fleet.difference(before, after), f"{os.path.realpath(__file__)} +1, pipe +2")
+
+    def test_of_none(self):
+        self.assertEqual(fleet.difference(collections.Counter(a=1), collections.Counter(a=1)), "none")
+
+    def test_that_are_gone(self):
+        self.assertEqual(fleet.difference(collections.Counter(a=2, b=1), collections.Counter(a=1)), "a -1, b -1")
 
 
 class Percentile(unittest.TestCase):

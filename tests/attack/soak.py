@@ -44,6 +44,7 @@ def soak(arguments, verdict):
     daemon = world.start(QuorvixEnableSwivex="true", QuorvixReportPeriod="0.001", QuorvixDailyLogLimit="1000000000",
                          QuorvixEnableMemoryLogging="true", QuorvixMemoryLoggingInterval="2",
                          QuorvixEnableAppActivationLogging="true", QuorvixAppActivationLoggingMaxActivationCount="1000000000")
+    open_at_first = fleet.descriptors(daemon.pid)
     services = fleet.Services(arguments.clients, arguments.seed, rate=MESSAGES_A_SECOND / arguments.clients, hang_every=30, save_reports=True)
     harness.wait_until(lambda: len(daemon.status()["watched"]) >= arguments.clients, 300, "the watch of all clients")
     sampler = fleet.Sampler(daemon.pid, 0.5)
@@ -74,6 +75,11 @@ def soak(arguments, verdict):
         services.kill()
         return
     services.close()
+    launcher.close()
+    world.clients.clear()
+    closed = harness.wait_until(lambda: daemon.platform("messages")["connections"] == 0, 60)
+    print(f"descriptors that are new at rest: {fleet.difference(open_at_first, fleet.descriptors(daemon.pid))}")
+    verdict.judge(bool(closed), "all connections are closed again")
     power_log, messages = daemon.platform("powerLog"), daemon.platform("messages")
     print(f"{arguments.clients} clients, {arguments.time:.0f} s: {messages['messages']} messages, {services.hangs} hangs, {activations} activations "
           f"({power_log['storedActivations']} stored), {lives} short lives, {daemon.count_lines('Memory snapshot written')} of the last snapshots")
