@@ -173,6 +173,8 @@ def check_rest(daemon, base, sampler, verdict):
     most = [max(sample[column] for sample in sampler.samples) for column in (1, 2, 3)]
     print(f"anonymous memory {base[0]} KiB at first, {most[0]} KiB at most, {rest[0]} KiB at rest; Pss at most {most[1]} KiB; "
           f"descriptors {base[2]} at first, {most[2]} at most, {rest[2]} at rest")
+    counters = daemon.status()["counters"]
+    print(f"{counters['activations']['open']} activations still wait for their end, with {counters['snapshots']['bytesUsed'] // 1024} KiB of snapshots")
     verdict.judge(most[0] - base[0] < MOST_ANONYMOUS_MIB * 1024, f"anonymous memory grew by {(most[0] - base[0]) / 1024:.1f} MiB, less than {MOST_ANONYMOUS_MIB} MiB")
     verdict.judge(most[2] < MOST_DESCRIPTORS, f"{most[2]} descriptors, less than {MOST_DESCRIPTORS}")
 
