@@ -139,6 +139,13 @@ Findings examineJournal(const ToolServices& services) {
 }
 
 Findings examineTracing(const ToolServices& services) {
+    // First: whatever the recorder's state is, it is of no use here.
+    if (!services.seesTheKernelsIds) {
+        return {{Kind::notice, "tracing",
+                 "the flight recorder can't tell this container's processes, which have other ids outside: reports "
+                 "hold no history",
+                 "nothing in here helps; where history is needed, run quorvixd outside of the container"}};
+    }
     const std::string tracing = services.root + "/sys/kernel/tracing";
     struct statfs status {};
     const bool mounted = services.root.empty() ? statfs(tracing.c_str(), &status) == 0 && status.f_type == kTracefsMagic

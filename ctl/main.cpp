@@ -17,6 +17,7 @@
 #include "platform/linux/Console.h"
 #include "platform/linux/Notifications.h"
 #include "platform/linux/PreferencesStore.h"
+#include "platform/linux/ProcessNamespace.h"
 #include "service/ServiceState.h"
 
 namespace quorvix::ctl {
@@ -80,6 +81,7 @@ int run(int argumentCount, char** arguments) {
         .out = std::cout,
         .error = std::cerr,
         .startDaemon = startDaemon,
+        .seesTheKernelsIds = linuxos::seesTheKernelsIds(),
         .colours = coloursWanted(STDOUT_FILENO),
         .progress = coloursWanted(STDERR_FILENO)};
     const ExitStatus status = runCommandLine({arguments + 1, arguments + argumentCount}, services);

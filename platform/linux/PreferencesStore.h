@@ -20,9 +20,9 @@ namespace quorvix::linuxos {
 // domain's user is not looked at. The daemon and the operator's tool use the same class on the same files.
 //
 // A read looks at the file each time and reads it again when it changed. What is set lies over it until it is
-// synchronised. A damaged list reads as missing and is moved aside at the first write; one that can't be read
-// now stays as it was last read. Every trouble is said in the
-// log when it begins, not again while it lasts, and counted. Used on one thread at a time.
+// synchronised. A damaged list reads as missing and is moved aside at the first write; one that can't be read now stays
+// as it was last read. Every trouble is said in the log when it begins, not again while it lasts, and counted. Used on
+// one thread at a time.
 class LinuxPreferencesStore final : public PreferencesStore {
 public:
     static constexpr std::string_view kFolder = "/var/mobile/Library/Preferences";

@@ -1,6 +1,5 @@
 #include "platform/linux/TaskIteratorSource.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "platform/linux/ProcessNamespace.h"
 #include "platform/linux/ProcfsText.h"
 #include "platform/linux/bpf/TaskProgram.h"
 
@@ -19,12 +19,6 @@ namespace quorvix::linuxos {
 namespace {
 
 constexpr std::uint64_t kNsPerStartUnit = 1'000'000'000 / kStartUnitsPerSecond;
-constexpr ino_t kFirstProcessNamespace = 0xEFFFFFFC;
-
-bool seesTheKernelsIds() {
-    struct stat status {};
-    return ::stat("/proc/self/ns/pid", &status) == 0 && status.st_ino == kFirstProcessNamespace;
-}
 
 std::uint64_t bytesOf(std::uint64_t pages) {
     static const auto pageBytes = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));

@@ -132,6 +132,18 @@ TEST_F(Doctor, TracingIsLookedAtStepByStep) {
     EXPECT_THAT(examineTracing(tool.services)[0].kind, Finding::Kind::good);
 }
 
+// Whether tracefs is there or not, and whether the host has armed its recorder.
+TEST_F(Doctor, InAContainerNobodyIsSentToTheFlightRecorder) {
+    tool.services.seesTheKernelsIds = false;
+    for (const char* path : {"/sys/kernel", "/sys/kernel/tracing/instances", "/sys/kernel/tracing/instances/swivex"}) {
+        fs::create_directories(at(path));
+        const Findings findings = examineTracing(tool.services);
+        EXPECT_THAT(complaints(findings, Finding::Kind::notice),
+                    testing::ElementsAre(HasSubstr("can't tell this container's processes")));
+        EXPECT_THAT(findings[0].mend, testing::Not(HasSubstr("recorder on")));
+    }
+}
+
 TEST_F(Doctor, TheStatusTellsWhetherThereIsAProblem) {
     fs::create_directories(at("/sys/kernel/tracing/instances"));
     EXPECT_EQ(tool.run({"doctor", "--json"}), ExitStatus::done) << tool.out.str();

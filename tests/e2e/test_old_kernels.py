@@ -30,32 +30,31 @@ class OldKernels(harness.DaemonTest):
             self.assertEqual(answer, f"-1 {old_kernel.MISSING[name][1]}\n", name)
 
     def test_a_hang_becomes_a_report_with_everything_taken_away(self):
-        everything = ",".join(old_kernel.MISSING)
         self.world.install_trace_library()
-        daemon = self.world.start(prefix=[*FILTER, everything], QuorvixEnableSwivex="true")
-        app = subprocess.Popen([*FILTER, everything, str(harness.BUILD / "bin/quorvix_poll_app"), "300", "hang", "200",
-                                "after", "0.1"], stdout=subprocess.DEVNULL)
-        self.addCleanup(lambda: (app.kill(), app.wait()))
-        daemon.wait_line("Report written: ")
-        (report,) = harness.reports()
+        daemon, app, report = self.hang_with_everything_taken_away()
         self.assertEqual(harness.reason_of(report)["PID"], app.pid)
         self.assert_end_is_seen(daemon, app)
 
     def test_the_trace_library_finds_the_stack_without_the_kernels_help(self):
-        everything = ",".join(old_kernel.MISSING)
         self.world.install_trace_library("swivex")
-        daemon = self.world.start(prefix=[*FILTER, everything], QuorvixEnableSwivex="true")
-        app = subprocess.Popen([*FILTER, everything, str(harness.BUILD / "bin/quorvix_poll_app"), "300", "hang", "200",
-                                "after", "0.1"], stdout=subprocess.DEVNULL)
-        self.addCleanup(lambda: (app.kill(), app.wait()))
-        daemon.wait_line("Report written: ")
-        (report,) = harness.reports()
+        daemon, app, report = self.hang_with_everything_taken_away()
         shown = subprocess.run([harness.BUILD / "bin/quorvixctl", "report", "show", report, "--json"], check=True,
                                capture_output=True, text=True).stdout
         functions = [frame.get("symbol", frame["name"]) for frame in json.loads(shown)["stack"] if not frame["kernel"]]
         self.assertTrue([name for name in functions if "nanosleep" in name], functions)
         self.assertTrue([name for name in functions if name.startswith("main+")], functions)
         self.assert_end_is_seen(daemon, app)
+
+    def hang_with_everything_taken_away(self):
+        """The daemon, an app that has hung and the one report of it; both run where every call of the list is missing."""
+        without = [*FILTER, ",".join(old_kernel.MISSING)]
+        daemon = self.world.start(prefix=without, QuorvixEnableSwivex="true")
+        app = subprocess.Popen([*without, str(harness.BUILD / "bin/quorvix_poll_app"), "300", "hang", "200", "after", "0.1"],
+                               stdout=subprocess.DEVNULL)
+        self.addCleanup(lambda: (app.kill(), app.wait()))
+        daemon.wait_line("Report written: ")
+        (report,) = harness.reports()
+        return daemon, app, report
 
     def assert_end_is_seen(self, daemon, app):
         app.kill()

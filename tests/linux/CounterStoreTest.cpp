@@ -181,5 +181,17 @@ TEST_F(CounterStoreTest, ExportsOnceTheFolderIsThere) {
     EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder_.path("export/quorvix.prom")); }));
 }
 
+// Whoever has flushed may end the process.
+TEST_F(CounterStoreTest, FlushReturnsOnlyAfterTheExportThatIsDue) {
+    std::filesystem::create_directory(folder_.path("export"));
+    auto slow = options();
+    slow.writeInterval = std::chrono::hours(1);  // the flush alone writes
+    CounterStore store(log_, slow);
+    for (int key = 0; key < 1000; ++key) store.setScalar("key." + std::to_string(key), key);
+    EXPECT_TRUE(store.flush(kPatience));
+    EXPECT_TRUE(std::filesystem::exists(folder_.path("export/quorvix.prom")));
+    EXPECT_FALSE(std::filesystem::exists(folder_.path("export/quorvix.prom.new")));
+}
+
 }  // namespace
 }  // namespace quorvix::linuxos

@@ -10,7 +10,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 HEADERS = [*(ROOT / "client").glob("quorvix*.h"), *(ROOT / "client").glob("quorvix*.hpp"),
-           ROOT / "platform/quorvix_ticks.h", ROOT / "platform/quorvix_channel.h"]
+           ROOT / "platform/quorvix_ticks.h", ROOT / "platform/quorvix_channel.h", ROOT / "platform/swivex.h"]
 
 
 def exported():
@@ -20,6 +20,8 @@ def exported():
 
 def installed_headers():
     text = re.search(r"set\(QUORVIX_CLIENT_HEADERS(.*?)\)\n", (ROOT / "client/CMakeLists.txt").read_text(), re.S)[1]
+    # The trace library's part of the build installs its one header by itself.
+    text += "".join(re.findall(r"install\(FILES (.*?)\)", (ROOT / "swivex/CMakeLists.txt").read_text(), re.S))
     return {Path(name).name for name in re.findall(r"[\w./]+\.hp*", text)}
 
 

@@ -95,6 +95,18 @@ class ToolkitTest(unittest.TestCase):
         self.assertEqual((result.stdout, result.stderr), ("hello\n", ""))
         self.assertFalse(self.daemon.has_line("Initialization complete now watching hangs for "))
 
+    def test_a_wait_while_the_preloaded_library_starts_does_not_start_it_again(self):
+        waiter = pathlib.Path("/tmp/polls_in_pthread_create.so")
+        source = ROOT / "tests/toolkits/polls_in_pthread_create.c"
+        subprocess.run(["cc", "-std=c11", "-D_GNU_SOURCE", "-shared", "-fPIC", "-Wall", "-Wextra", "-Werror", str(source),
+                        "-o", str(waiter)], check=True)
+        environment = {**os.environ, "LD_LIBRARY_PATH": str(self.library_folder),
+                       "LD_PRELOAD": f"{waiter}:libquorvix-preload.so"}
+        # It would wait for itself, for ever.
+        result = subprocess.run([sys.executable, "-c", "import select; select.select([], [], [], 0); print('done')"],
+                                env=environment, capture_output=True, text=True, check=True, timeout=60)
+        self.assertEqual((result.stdout, result.stderr), ("done\n", "a thread starts\n"))
+
     def test_the_page_shows_lines_of_the_programs(self):
         page = (ROOT / "docs/getting-started.md").read_text()
         for source in EXAMPLES.iterdir():
