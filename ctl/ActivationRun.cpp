@@ -100,6 +100,7 @@ public:
         failure_ = linuxos::Descriptor(failure[0]);
         linuxos::Descriptor failureWrite(failure[1]);
         std::vector<char*> arguments;
+        arguments.reserve(command.size() + 1);
         for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
         arguments.push_back(nullptr);
         pid_ = fork();
