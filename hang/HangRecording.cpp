@@ -21,7 +21,8 @@ void countHang(std::string_view name, const std::string& processName, double dur
     if (name == kFenceHangName) {
         counters.addToScalar("com.norvane.quorvix.QXLogsFenceHang.PreSwivex", 1);
     } else {
-        counters.pushToDistribution(formatText("com.norvane.quorvix.%s.%@", name, processName), durationMs);
+        counters.pushToDistribution(formatText("com.norvane.quorvix.%s.%@", name, processName), processName,
+                                    durationMs);
     }
 }
 

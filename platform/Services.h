@@ -22,7 +22,8 @@ public:
     virtual ~CounterService() = default;
     virtual void addToScalar(std::string_view key, std::int64_t value) = 0;
     virtual void setScalar(std::string_view key, std::int64_t value) = 0;
-    virtual void pushToDistribution(std::string_view key, double value) = 0;
+    // `process` is the name that the key ends with: names may hold dots, so the key does not tell it.
+    virtual void pushToDistribution(std::string_view key, std::string_view process, double value) = 0;
 };
 
 // Per-process queries. Listing the pids freezes a table, from which usage and name are answered on the same thread

@@ -46,7 +46,7 @@ public:
     void setScalar(std::string_view key, std::int64_t value) override {
         context_.record(Op::counterSet, std::string(key) + " " + std::to_string(value));
     }
-    void pushToDistribution(std::string_view key, double value) override {
+    void pushToDistribution(std::string_view key, std::string_view, double value) override {
         context_.record(Op::counterPush, std::string(key) + " " + print(value));
     }
 

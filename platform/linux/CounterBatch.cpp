@@ -4,11 +4,10 @@
 
 namespace quorvix::linuxos {
 
-std::optional<CounterRefusal> CounterBatch::admit(CounterKind kind, std::string_view key) {
+std::optional<CounterRefusal> CounterBatch::admit(CounterKind kind, std::string_view key, std::string_view process) {
     if (isFixedCounter(kind, key)) return std::nullopt;
     if (key.size() > kMaximumKeyLength) return CounterRefusal::keyTooLong;
     if (chosenKeys_ >= kMaximumChosenKeys) return CounterRefusal::tableFull;
-    const std::string_view process = processOfCounter(key);
     auto keys = keysOfProcess_.find(process);
     if (keys == keysOfProcess_.end()) keys = keysOfProcess_.emplace(process, 0).first;
     if (keys->second >= kMaximumKeysOfProcess) return CounterRefusal::processFull;
@@ -20,20 +19,21 @@ std::optional<CounterRefusal> CounterBatch::admit(CounterKind kind, std::string_
 std::optional<CounterRefusal> CounterBatch::scalarFor(std::string_view key, ScalarChange*& change) {
     auto found = scalars_.find(key);
     if (found == scalars_.end()) {
-        if (const auto refusal = admit(CounterKind::scalar, key)) return refusal;
+        if (const auto refusal = admit(CounterKind::scalar, key, processOfScalar(key))) return refusal;
         found = scalars_.emplace(key, ScalarChange{}).first;
     }
     change = &found->second;
     return std::nullopt;
 }
 
-std::optional<CounterRefusal> CounterBatch::distributionFor(std::string_view key, Distribution*& distribution) {
+std::optional<CounterRefusal> CounterBatch::distributionFor(std::string_view key, std::string_view process,
+                                                            Distribution*& distribution) {
     auto found = distributions_.find(key);
     if (found == distributions_.end()) {
-        if (const auto refusal = admit(CounterKind::distribution, key)) return refusal;
-        found = distributions_.emplace(key, Distribution{}).first;
+        if (const auto refusal = admit(CounterKind::distribution, key, process)) return refusal;
+        found = distributions_.emplace(key, Samples{std::string(process), {}}).first;
     }
-    distribution = &found->second;
+    distribution = &found->second.distribution;
     return std::nullopt;
 }
 
@@ -51,10 +51,10 @@ std::optional<CounterRefusal> CounterBatch::set(std::string_view key, std::int64
     return std::nullopt;
 }
 
-std::optional<CounterRefusal> CounterBatch::push(std::string_view key, double sample) {
+std::optional<CounterRefusal> CounterBatch::push(std::string_view key, std::string_view process, double sample) {
     if (!std::isfinite(sample)) return CounterRefusal::notFinite;
     Distribution* distribution = nullptr;
-    if (const auto refusal = distributionFor(key, distribution)) return refusal;
+    if (const auto refusal = distributionFor(key, process, distribution)) return refusal;
     distribution->push(sample);
     return std::nullopt;
 }
@@ -67,10 +67,10 @@ void CounterBatch::mergeNewer(const CounterBatch& newer, CounterRefusals& refusa
     }
     for (const auto& [key, samples] : newer.distributions_) {
         Distribution* distribution = nullptr;
-        if (const auto refusal = distributionFor(key, distribution)) {
+        if (const auto refusal = distributionFor(key, samples.process, distribution)) {
             refusals.add(*refusal);
         } else {
-            distribution->merge(samples);
+            distribution->merge(samples.distribution);
         }
     }
 }

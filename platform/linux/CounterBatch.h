@@ -21,12 +21,16 @@ public:
         std::int64_t value = 0;
     };
     using Scalars = std::map<std::string, ScalarChange, std::less<>>;
-    using Distributions = std::map<std::string, Distribution, std::less<>>;
+    struct Samples {
+        std::string process;
+        Distribution distribution;
+    };
+    using Distributions = std::map<std::string, Samples, std::less<>>;
 
     // All three answer why the change was refused, or nothing.
     [[nodiscard]] std::optional<CounterRefusal> add(std::string_view key, std::int64_t value);
     [[nodiscard]] std::optional<CounterRefusal> set(std::string_view key, std::int64_t value);
-    [[nodiscard]] std::optional<CounterRefusal> push(std::string_view key, double sample);
+    [[nodiscard]] std::optional<CounterRefusal> push(std::string_view key, std::string_view process, double sample);
 
     // Applies changes that were made after those in here; counts what does not fit.
     void mergeNewer(const CounterBatch& newer, CounterRefusals& refusals);
@@ -37,9 +41,10 @@ public:
     const Distributions& distributions() const { return distributions_; }
 
 private:
-    std::optional<CounterRefusal> admit(CounterKind kind, std::string_view key);
+    std::optional<CounterRefusal> admit(CounterKind kind, std::string_view key, std::string_view process);
     std::optional<CounterRefusal> scalarFor(std::string_view key, ScalarChange*& change);
-    std::optional<CounterRefusal> distributionFor(std::string_view key, Distribution*& distribution);
+    std::optional<CounterRefusal> distributionFor(std::string_view key, std::string_view process,
+                                                  Distribution*& distribution);
 
     Scalars scalars_;
     Distributions distributions_;

@@ -45,17 +45,17 @@ std::string schemaSql() {
 }
 
 std::string distributionSelect() {
-    return "SELECT key, count, sum, minimum, maximum" + bucketColumns(", ", "") + " FROM distribution";
+    return "SELECT key, process, count, sum, minimum, maximum" + bucketColumns(", ", "") + " FROM distribution";
 }
 
 Distribution readDistribution(const SqliteStatement& row) {
     Distribution distribution;
-    distribution.count = static_cast<std::uint64_t>(row.integer(1));
-    distribution.sum = row.real(2);
-    distribution.minimum = row.real(3);
-    distribution.maximum = row.real(4);
+    distribution.count = static_cast<std::uint64_t>(row.integer(2));
+    distribution.sum = row.real(3);
+    distribution.minimum = row.real(4);
+    distribution.maximum = row.real(5);
     for (std::size_t index = 0; index < kBucketCount; ++index) {
-        distribution.buckets[index] = static_cast<std::uint64_t>(row.integer(5 + static_cast<int>(index)));
+        distribution.buckets[index] = static_cast<std::uint64_t>(row.integer(6 + static_cast<int>(index)));
     }
     return distribution;
 }
@@ -72,13 +72,13 @@ struct CounterDatabase::Admission {
               "SELECT (SELECT count(process) FROM scalar) + (SELECT count(process) FROM distribution)")),
           refusals(refused) {}
 
-    bool admit(CounterKind kind, std::string_view key) {
+    bool admit(CounterKind kind, std::string_view key, std::string_view process) {
         if (isFixedCounter(kind, key)) return true;
         if (chosenKeys >= static_cast<std::int64_t>(kMaximumChosenKeys)) {
             refusals.add(CounterRefusal::tableFull);
             return false;
         }
-        keysOfProcess.bindName(1, processOfCounter(key));
+        keysOfProcess.bindName(1, process);
         const std::int64_t keys = keysOfProcess.step() ? keysOfProcess.integer(0) : 0;
         keysOfProcess.reset();
         if (keys >= static_cast<std::int64_t>(kMaximumKeysOfProcess)) {
@@ -87,15 +87,6 @@ struct CounterDatabase::Admission {
         }
         ++chosenKeys;
         return true;
-    }
-
-    // A fixed key belongs to no process.
-    static void bindProcess(SqliteStatement& statement, int parameter, CounterKind kind, std::string_view key) {
-        if (isFixedCounter(kind, key)) {
-            statement.bindNull(parameter);
-        } else {
-            statement.bindName(parameter, processOfCounter(key));
-        }
     }
 
     SqliteStatement keysOfProcess;
@@ -128,7 +119,7 @@ CounterDatabase::Failure CounterDatabase::readScalars(const ScalarVisitor& visit
 CounterDatabase::Failure CounterDatabase::readDistributions(const DistributionVisitor& visitor) {
     return attempt([&] {
         SqliteStatement rows(*database_, distributionSelect() + " ORDER BY key");
-        while (rows.step()) visitor(rows.bytes(0), readDistribution(rows));
+        while (rows.step()) visitor(rows.bytes(0), rows.bytes(1), readDistribution(rows));
     });
 }
 
@@ -211,8 +202,12 @@ void CounterDatabase::storeScalars(const CounterBatch& batch, std::int64_t secon
         const bool stored = find.step();
         const std::int64_t before = stored && !change.replaces ? find.integer(0) : 0;
         find.reset();
-        if (!stored && !admission.admit(CounterKind::scalar, key)) continue;
-        Admission::bindProcess(replace, 2, CounterKind::scalar, key);
+        if (!stored && !admission.admit(CounterKind::scalar, key, processOfScalar(key))) continue;
+        if (isFixedCounter(CounterKind::scalar, key)) {
+            replace.bindNull(2);
+        } else {
+            replace.bindName(2, processOfScalar(key));
+        }
         replace.bindName(1, key).bind(3, wrappingSum(before, change.value)).bind(4, seconds).run();
     }
 }
@@ -228,10 +223,9 @@ void CounterDatabase::storeDistributions(const CounterBatch& batch, std::int64_t
         const bool stored = find.step();
         Distribution total = stored ? readDistribution(find) : Distribution{};
         find.reset();
-        if (!stored && !admission.admit(CounterKind::distribution, key)) continue;
-        total.merge(samples);
-        Admission::bindProcess(replace, 2, CounterKind::distribution, key);
-        replace.bindName(1, key).bind(3, static_cast<std::int64_t>(total.count));
+        if (!stored && !admission.admit(CounterKind::distribution, key, samples.process)) continue;
+        total.merge(samples.distribution);
+        replace.bindName(1, key).bindName(2, samples.process).bind(3, static_cast<std::int64_t>(total.count));
         replace.bind(4, total.sum).bind(5, total.minimum).bind(6, total.maximum);
         int parameter = 7;
         for (const std::uint64_t bucket : total.buckets) replace.bind(parameter++, static_cast<std::int64_t>(bucket));

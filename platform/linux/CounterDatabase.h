@@ -24,7 +24,8 @@ public:
     // An error's text; nothing: it worked.
     using Failure = std::optional<std::string>;
     using ScalarVisitor = std::function<void(std::string_view key, std::int64_t value)>;
-    using DistributionVisitor = std::function<void(std::string_view key, const Distribution& distribution)>;
+    using DistributionVisitor =
+        std::function<void(std::string_view key, std::string_view process, const Distribution& distribution)>;
 
     explicit CounterDatabase(const std::string& folder);
     ~CounterDatabase();

@@ -51,18 +51,20 @@ std::string labelValue(std::string_view text) {
     return value;
 }
 
-// One distribution's key, taken apart: "<prefix><hang name>.<process name>", the process after the last dot.
+// One distribution's key, taken apart: "<prefix><hang name>.<process name>".
 struct HangKey {
     std::string_view hang;
     std::string_view process;
 };
 
-std::optional<HangKey> readHangKey(std::string_view key) {
-    if (!key.starts_with(kCounterPrefix)) return std::nullopt;
-    const std::string_view rest = key.substr(kCounterPrefix.size());
-    const std::size_t dot = rest.rfind('.');
-    if (dot == std::string_view::npos) return std::nullopt;
-    return HangKey{rest.substr(0, dot), rest.substr(dot + 1)};
+std::optional<HangKey> readHangKey(std::string_view key, std::string_view process) {
+    if (!key.starts_with(kCounterPrefix) || !key.ends_with(process)) return std::nullopt;
+    std::string_view hang = key.substr(kCounterPrefix.size());
+    if (hang.size() <= process.size()) return std::nullopt;
+    hang.remove_suffix(process.size());
+    if (!hang.ends_with('.')) return std::nullopt;
+    hang.remove_suffix(1);
+    return HangKey{hang, process};
 }
 
 // Collects text and writes it out in pieces, so that thousands of series need no memory at once.
@@ -140,22 +142,24 @@ void writeHistogram(MetricsFile& file, const std::string& labels, const Distribu
 
 CounterDatabase::Failure writeDistributions(CounterDatabase& database, MetricsFile& file) {
     file.family("quorvix_hang_duration_seconds", "Durations of hangs by kind of work and process.", "histogram");
-    const auto histograms = database.readDistributions([&](std::string_view key, const Distribution& distribution) {
-        const auto hang = readHangKey(key);
-        if (!hang) return file.leaveOut();
-        const std::string labels = hangLabels(*hang);
-        if (file.isNew(labels)) writeHistogram(file, labels, distribution);
-    });
+    const auto histograms = database.readDistributions(
+        [&](std::string_view key, std::string_view process, const Distribution& distribution) {
+            const auto hang = readHangKey(key, process);
+            if (!hang) return file.leaveOut();
+            const std::string labels = hangLabels(*hang);
+            if (file.isNew(labels)) writeHistogram(file, labels, distribution);
+        });
     if (histograms) return histograms;
     file.family("quorvix_hang_duration_longest_seconds", "The longest hang by kind of work and process.", "gauge");
-    return database.readDistributions([&](std::string_view key, const Distribution& distribution) {
-        const auto hang = readHangKey(key);
-        if (!hang) return;
-        const std::string labels = hangLabels(*hang);
-        if (!file.isNew(labels)) return;
-        file.series("quorvix_hang_duration_longest_seconds", labels,
-                    number(distribution.maximum / kMillisecondsPerSecond));
-    });
+    return database.readDistributions(
+        [&](std::string_view key, std::string_view process, const Distribution& distribution) {
+            const auto hang = readHangKey(key, process);
+            if (!hang) return;
+            const std::string labels = hangLabels(*hang);
+            if (!file.isNew(labels)) return;
+            file.series("quorvix_hang_duration_longest_seconds", labels,
+                        number(distribution.maximum / kMillisecondsPerSecond));
+        });
 }
 
 // The scalars of one metric, each with its labels; nothing: the key belongs to another metric.

@@ -52,9 +52,12 @@ inline bool isFixedCounter(CounterKind kind, std::string_view key) {
     return false;
 }
 
-// The process name a key is grouped under: what follows its last dot. A process whose name holds a dot is grouped by
-// the last part of its name, with all others that end so.
-inline std::string_view processOfCounter(std::string_view key) {
+// The process name a scalar is grouped under: what follows the beginnings that are known, else what follows the last
+// dot.
+inline std::string_view processOfScalar(std::string_view key) {
+    for (const std::string_view prefix : {kProcessLimitPrefix, kGlobalLimitPrefix}) {
+        if (key.starts_with(prefix)) return key.substr(prefix.size());
+    }
     const std::size_t dot = key.rfind('.');
     return dot == std::string_view::npos ? key : key.substr(dot + 1);
 }

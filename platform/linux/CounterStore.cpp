@@ -31,8 +31,8 @@ void CounterStore::setScalar(std::string_view key, std::int64_t value) {
     change([&] { return pending_.set(key, value); });
 }
 
-void CounterStore::pushToDistribution(std::string_view key, double value) {
-    change([&] { return pending_.push(key, value); });
+void CounterStore::pushToDistribution(std::string_view key, std::string_view process, double value) {
+    change([&] { return pending_.push(key, process, value); });
 }
 
 template <class Change>

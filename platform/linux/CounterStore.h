@@ -44,7 +44,7 @@ public:
 
     void addToScalar(std::string_view key, std::int64_t value) override;
     void setScalar(std::string_view key, std::int64_t value) override;
-    void pushToDistribution(std::string_view key, double value) override;
+    void pushToDistribution(std::string_view key, std::string_view process, double value) override;
 
     // Asks for everything up to now to be written, and waits for it at most `budget`. False: not written in time.
     bool flush(std::chrono::milliseconds budget);

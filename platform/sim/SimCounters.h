@@ -34,7 +34,7 @@ public:
         operations_.push_back({CounterAction::set, std::string(key), static_cast<double>(value)});
         scalars_[std::string(key)] = value;
     }
-    void pushToDistribution(std::string_view key, double value) override {
+    void pushToDistribution(std::string_view key, std::string_view, double value) override {
         operations_.push_back({CounterAction::push, std::string(key), value});
         distributions_[std::string(key)].push_back(value);
     }

@@ -36,9 +36,10 @@ struct LinuxWorld {
         EXPECT_TRUE(counters.flush(std::chrono::seconds(20)));
         Samples samples;
         linuxos::CounterDatabase reader(folder.path());
-        EXPECT_EQ(reader.readDistributions([&](std::string_view found, const linuxos::Distribution& stored) {
-            if (found == key) samples = {stored.count, stored.sum};
-        }),
+        EXPECT_EQ(reader.readDistributions(
+                      [&](std::string_view found, std::string_view, const linuxos::Distribution& stored) {
+                          if (found == key) samples = {stored.count, stored.sum};
+                      }),
                   std::nullopt);
         return samples;
     }
@@ -96,16 +97,16 @@ TYPED_TEST(CountersContract, ScalarsWrap) {
 
 TYPED_TEST(CountersContract, CollectsADistribution) {
     EXPECT_EQ(this->world_.samples("a.b"), Samples());
-    this->world_.counters.pushToDistribution("a.b", 5210.5);
+    this->world_.counters.pushToDistribution("a.b", "b", 5210.5);
     EXPECT_EQ(this->world_.samples("a.b"), (Samples{1, 5210.5}));
-    this->world_.counters.pushToDistribution("a.b", 0.25);
-    this->world_.counters.pushToDistribution("a.b", 6000);
+    this->world_.counters.pushToDistribution("a.b", "b", 0.25);
+    this->world_.counters.pushToDistribution("a.b", "b", 6000);
     EXPECT_EQ(this->world_.samples("a.b"), (Samples{3, 11210.75}));
 }
 
 TYPED_TEST(CountersContract, AScalarAndADistributionOfOneKeyAreTwo) {
     this->world_.counters.addToScalar("a.b", 5);
-    this->world_.counters.pushToDistribution("a.b", 7);
+    this->world_.counters.pushToDistribution("a.b", "b", 7);
     EXPECT_EQ(this->world_.scalar("a.b"), 5);
     EXPECT_EQ(this->world_.samples("a.b"), (Samples{1, 7}));
 }

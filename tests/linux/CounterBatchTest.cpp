@@ -21,7 +21,7 @@ CounterBatch fullBatch() {
 TEST(CounterBatchTest, OneKeyTooManyIsRefusedAndFixedOnesAlwaysFit) {
     CounterBatch batch = fullBatch();
     EXPECT_EQ(batch.add(keyOf(kMaximumChosenKeys), 1), CounterRefusal::tableFull);
-    EXPECT_EQ(batch.push("com.norvane.quorvix.a.b", 1), CounterRefusal::tableFull);
+    EXPECT_EQ(batch.push("com.norvane.quorvix.a.b", "b", 1), CounterRefusal::tableFull);
     EXPECT_EQ(batch.add(keyOf(0), 1), std::nullopt);
     for (const std::string_view fixed : kFixedCounterKeys) EXPECT_EQ(batch.add(fixed, 1), std::nullopt);
     EXPECT_EQ(batch.size(), kMaximumCounterKeys);
@@ -30,14 +30,16 @@ TEST(CounterBatchTest, OneKeyTooManyIsRefusedAndFixedOnesAlwaysFit) {
 TEST(CounterBatchTest, AProcessHasSixtyFourKeys) {
     CounterBatch batch;
     for (std::size_t index = 0; index < kMaximumKeysOfProcess; ++index) {
-        EXPECT_EQ(batch.push("com.norvane.quorvix.kind" + std::to_string(index) + ".app", 1), std::nullopt);
+        EXPECT_EQ(batch.push("com.norvane.quorvix.kind" + std::to_string(index) + ".app", "app", 1), std::nullopt);
     }
-    EXPECT_EQ(batch.push("com.norvane.quorvix.more.app", 1), CounterRefusal::processFull);
+    EXPECT_EQ(batch.push("com.norvane.quorvix.more.app", "app", 1), CounterRefusal::processFull);
     EXPECT_EQ(batch.add("com.norvane.quorvix.more.app", 1), CounterRefusal::processFull);
-    // Grouped by the last part of a name with a dot.
-    EXPECT_EQ(batch.add("com.norvane.quorvix.more.org.example.app", 1), CounterRefusal::processFull);
-    EXPECT_EQ(batch.push("com.norvane.quorvix.kind0.app", 1), std::nullopt);
-    EXPECT_EQ(batch.push("com.norvane.quorvix.more.other", 1), std::nullopt);
+    // What else ends so is of another process.
+    EXPECT_EQ(batch.push("com.norvane.quorvix.more.org.example.app", "org.example.app", 1), std::nullopt);
+    EXPECT_EQ(batch.add(std::string(kProcessLimitPrefix) + "org.example.app", 1), std::nullopt);
+    EXPECT_EQ(batch.add(std::string(kGlobalLimitPrefix) + "app", 1), CounterRefusal::processFull);
+    EXPECT_EQ(batch.push("com.norvane.quorvix.kind0.app", "app", 1), std::nullopt);
+    EXPECT_EQ(batch.push("com.norvane.quorvix.more.other", "other", 1), std::nullopt);
 }
 
 TEST(CounterBatchTest, AKeyHasALongestLength) {
@@ -48,11 +50,11 @@ TEST(CounterBatchTest, AKeyHasALongestLength) {
 
 TEST(CounterBatchTest, SamplesAreFinite) {
     CounterBatch batch;
-    EXPECT_EQ(batch.push("a.b", std::numeric_limits<double>::quiet_NaN()), CounterRefusal::notFinite);
-    EXPECT_EQ(batch.push("a.b", std::numeric_limits<double>::infinity()), CounterRefusal::notFinite);
-    EXPECT_EQ(batch.push("a.b", std::numeric_limits<double>::max()), std::nullopt);
-    EXPECT_EQ(batch.push("a.b", std::numeric_limits<double>::max()), std::nullopt);
-    EXPECT_EQ(batch.distributions().at("a.b").sum, std::numeric_limits<double>::max());
+    EXPECT_EQ(batch.push("a.b", "b", std::numeric_limits<double>::quiet_NaN()), CounterRefusal::notFinite);
+    EXPECT_EQ(batch.push("a.b", "b", std::numeric_limits<double>::infinity()), CounterRefusal::notFinite);
+    EXPECT_EQ(batch.push("a.b", "b", std::numeric_limits<double>::max()), std::nullopt);
+    EXPECT_EQ(batch.push("a.b", "b", std::numeric_limits<double>::max()), std::nullopt);
+    EXPECT_EQ(batch.distributions().at("a.b").distribution.sum, std::numeric_limits<double>::max());
 }
 
 TEST(CounterBatchTest, NewerChangesComeAfterOlderOnes) {
@@ -60,12 +62,12 @@ TEST(CounterBatchTest, NewerChangesComeAfterOlderOnes) {
     EXPECT_EQ(older.add("added", 5), std::nullopt);
     EXPECT_EQ(older.set("set", 5), std::nullopt);
     EXPECT_EQ(older.add("replaced", 5), std::nullopt);
-    EXPECT_EQ(older.push("pushed", 5), std::nullopt);
+    EXPECT_EQ(older.push("pushed", "pushed", 5), std::nullopt);
     CounterBatch newer;
     EXPECT_EQ(newer.add("added", 1), std::nullopt);
     EXPECT_EQ(newer.add("set", 1), std::nullopt);
     EXPECT_EQ(newer.set("replaced", 1), std::nullopt);
-    EXPECT_EQ(newer.push("pushed", 1), std::nullopt);
+    EXPECT_EQ(newer.push("pushed", "pushed", 1), std::nullopt);
     CounterRefusals refusals;
     older.mergeNewer(newer, refusals);
     EXPECT_EQ(older.scalars().at("added").value, 6);
@@ -74,14 +76,14 @@ TEST(CounterBatchTest, NewerChangesComeAfterOlderOnes) {
     EXPECT_TRUE(older.scalars().at("set").replaces);
     EXPECT_EQ(older.scalars().at("replaced").value, 1);
     EXPECT_TRUE(older.scalars().at("replaced").replaces);
-    EXPECT_EQ(older.distributions().at("pushed").count, 2u);
+    EXPECT_EQ(older.distributions().at("pushed").distribution.count, 2u);
 }
 
 TEST(CounterBatchTest, MergingIsBoundedAndCounted) {
     CounterBatch older = fullBatch();
     CounterBatch newer;
     EXPECT_EQ(newer.add("com.norvane.quorvix.a.new", 1), std::nullopt);
-    EXPECT_EQ(newer.push("com.norvane.quorvix.b.new", 1), std::nullopt);
+    EXPECT_EQ(newer.push("com.norvane.quorvix.b.new", "new", 1), std::nullopt);
     EXPECT_EQ(newer.add(keyOf(3), 1), std::nullopt);
     CounterRefusals refusals;
     older.mergeNewer(newer, refusals);

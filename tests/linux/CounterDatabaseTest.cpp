@@ -78,7 +78,7 @@ TEST_F(CounterDatabaseTest, AProcessStoresSixtyFourKeysOfBothKinds) {
     for (std::size_t index = 0; index < kMaximumKeysOfProcess; ++index) {
         CounterBatch batch;
         const std::string key = "com.norvane.quorvix.kind" + std::to_string(index) + ".app";
-        EXPECT_EQ(index % 2 ? batch.push(key, 1) : batch.add(key, 1), std::nullopt);
+        EXPECT_EQ(index % 2 ? batch.push(key, "app", 1) : batch.add(key, 1), std::nullopt);
         EXPECT_EQ(write(batch), std::nullopt);
     }
     EXPECT_EQ(refusals_.of(CounterRefusal::processFull), 0u);

@@ -19,7 +19,10 @@ using testing::Not;
 class CounterExportTest : public testing::Test {
 protected:
     void add(std::string_view key, std::int64_t value) { EXPECT_EQ(batch_.add(key, value), std::nullopt); }
-    void push(std::string_view key, double sample) { EXPECT_EQ(batch_.push(key, sample), std::nullopt); }
+    void push(const std::string& hang, std::string_view process, double sample) {
+        const std::string key = std::string(kCounterPrefix) + hang + "." + std::string(process);
+        EXPECT_EQ(batch_.push(key, process, sample), std::nullopt);
+    }
     // The exported text.
     std::string exported() {
         CounterRefusals none;
@@ -37,9 +40,9 @@ protected:
 };
 
 TEST_F(CounterExportTest, ShowsAHistogramInSeconds) {
-    push("com.norvane.quorvix.main-loop.demo", 5000);
-    push("com.norvane.quorvix.main-loop.demo", 5210.5);
-    push("com.norvane.quorvix.main-loop.demo", 2e6);
+    push("main-loop", "demo", 5000);
+    push("main-loop", "demo", 5210.5);
+    push("main-loop", "demo", 2e6);
     const std::string text = exported();
     const std::string labels = R"({hang="main-loop",process="demo")";
     EXPECT_THAT(text, HasSubstr("# TYPE quorvix_hang_duration_seconds histogram\n"));
@@ -50,6 +53,20 @@ TEST_F(CounterExportTest, ShowsAHistogramInSeconds) {
     EXPECT_THAT(text, HasSubstr("quorvix_hang_duration_seconds_sum" + labels + "} 2010.2105\n"));
     EXPECT_THAT(text, HasSubstr("quorvix_hang_duration_seconds_count" + labels + "} 3\n"));
     EXPECT_THAT(text, HasSubstr("quorvix_hang_duration_longest_seconds" + labels + "} 2000\n"));
+}
+
+TEST_F(CounterExportTest, ProcessNamesAndHangNamesWithDotsStayWhole) {
+    push("main", "python3.11", 1000);
+    push("network.request", "python3.11", 1000);
+    push("network.request", "app", 1000);
+    push("", "app", 1000);
+    const std::string text = exported();
+    for (const char* labels :
+         {R"({hang="main",process="python3.11"} 1)", R"({hang="network.request",process="python3.11"} 1)",
+          R"({hang="network.request",process="app"} 1)", R"({hang="",process="app"} 1)"}) {
+        EXPECT_THAT(text, HasSubstr(std::string("\nquorvix_hang_duration_seconds_count") + labels + "\n"));
+    }
+    EXPECT_THAT(text, HasSubstr("\nquorvix_series_left_out 0\n"));
 }
 
 TEST_F(CounterExportTest, GivesEachScalarItsMetric) {
@@ -72,8 +89,8 @@ TEST_F(CounterExportTest, GivesEachScalarItsMetric) {
 }
 
 TEST_F(CounterExportTest, WhatClientsChooseStaysInsideALabel) {
-    push("com.norvane.quorvix.a\"} 1\nevil_metric{x=\".app", 1);
-    push("com.norvane.quorvix.back\\slash.\xff", 1);
+    push("a\"} 1\nevil_metric{x=\"", "app", 1);
+    push("back\\slash", "\xff", 1);
     const std::string text = exported();
     EXPECT_THAT(text, Not(HasSubstr("\nevil_metric")));
     EXPECT_THAT(text, HasSubstr(R"({hang="a\"} 1\nevil_metric{x=\"",process="app"})"));
@@ -81,9 +98,9 @@ TEST_F(CounterExportTest, WhatClientsChooseStaysInsideALabel) {
 }
 
 TEST_F(CounterExportTest, KeysThatBecomeTheSameTextAreShownOnceAndCounted) {
-    push("com.norvane.quorvix.kind.\xff", 1);
-    push("com.norvane.quorvix.kind.\xfe", 1);
-    push("com.norvane.quorvix.kind.\xEF\xBF\xBD", 1);
+    push("kind", "\xff", 1);
+    push("kind", "\xfe", 1);
+    push("kind", "\xEF\xBF\xBD", 1);
     const std::string text = exported();
     const std::string line = "quorvix_hang_duration_seconds_count{hang=\"kind\",process=\"\xEF\xBF\xBD\"} 1\n";
     EXPECT_EQ(text.find(line), text.rfind(line));
@@ -138,9 +155,9 @@ TEST_F(CounterExportTest, IsAcceptedByPrometheus) {
     for (const std::string_view fixed : kFixedCounterKeys) add(fixed, 1);
     add("com.norvane.quorvix.QXLogsMissedDueToProcessLimit.app", 7);
     add(std::string("odd\0\n\"\\ \xff key", 13), 1);
-    push("com.norvane.quorvix.main-loop.demo", 5210.5);
-    push("com.norvane.quorvix.kind.\xff", 1e300);
-    push("com.norvane.quorvix.kind.\xfe", 1);
+    push("main-loop", "demo", 5210.5);
+    push("kind", "\xff", 1e300);
+    push("kind", "\xfe", 1);
     exported();
     EXPECT_EQ(std::system(("promtool check metrics < " + file()).c_str()), 0);
     tests::writeWholeFile(folder_.path("broken"), tests::readWholeFile(file()) + "quorvix_broken{label=\n");

@@ -93,7 +93,7 @@ TEST_F(CounterStoreTest, ThreadsLoseNothing) {
         threads.emplace_back([&] {
             for (int change = 0; change < 2000; ++change) {
                 store.addToScalar("a.b", 1);
-                store.pushToDistribution("a.b", 1);
+                store.pushToDistribution("a.b", "b", 1);
             }
         });
     }
@@ -157,7 +157,7 @@ TEST_F(CounterStoreTest, ALockedDatabaseBlocksNoCallerAndKeepsTheBudget) {
 TEST_F(CounterStoreTest, RefusalsAreCountedByReason) {
     CounterStore store(log_, options());
     store.addToScalar(std::string(kMaximumKeyLength + 1, 'k'), 1);
-    store.pushToDistribution("a.b", std::numeric_limits<double>::quiet_NaN());
+    store.pushToDistribution("a.b", "b", std::numeric_limits<double>::quiet_NaN());
     EXPECT_EQ(selfCounter(store, "refusedKeyTooLong"), 1u);
     EXPECT_EQ(selfCounter(store, "refusedNotFinite"), 1u);
     for (std::size_t index = 0; index <= kMaximumKeysOfProcess; ++index) {
