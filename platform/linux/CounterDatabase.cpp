@@ -123,9 +123,9 @@ CounterDatabase::Failure CounterDatabase::readDistributions(const DistributionVi
     });
 }
 
-// Runs the work once more on a new file when the one there turns out to be damaged.
+// Runs the work once more when the file seems damaged, and on a new one when it still does.
 CounterDatabase::Failure CounterDatabase::attempt(const std::function<void()>& work) {
-    for (bool retried = false;; retried = true) {
+    for (int number = 1;; ++number) {
         try {
             openIfNeeded();
             work();
@@ -133,8 +133,9 @@ CounterDatabase::Failure CounterDatabase::attempt(const std::function<void()>& w
         } catch (const SqliteError& error) {
             // Closing takes an open transaction back.
             database_.reset();
-            if (!error.damaged() || retried) return error.what();
-            moveAside(".damaged");
+            const SqliteAnswer answer = answerTo(error, number, path_);
+            if (answer == SqliteAnswer::giveUp) return error.what();
+            if (answer == SqliteAnswer::moveAside) moveAside(".damaged");
         } catch (const std::exception& error) {
             database_.reset();
             return error.what();

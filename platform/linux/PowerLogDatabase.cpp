@@ -105,12 +105,12 @@ PowerLogDatabase::PowerLogDatabase(const std::string& folder, PowerLogLimits lim
 
 PowerLogDatabase::~PowerLogDatabase() = default;
 
-// Once more on a new file when the one there turns out to be damaged.
+// Once more when the file seems damaged, and on a new one when it still does.
 PowerLogDatabase::Failure PowerLogDatabase::write(const PowerLogActivation& activation, WallTime now) {
     const std::int64_t seconds = std::chrono::floor<std::chrono::seconds>(now.time_since_epoch()).count();
-    for (bool retried = false;; retried = true) {
+    for (int number = 1;; ++number) {
         std::string failure;
-        bool damaged = false;
+        auto answer = SqliteAnswer::giveUp;
         try {
             openIfNeeded();
             Counts counts = counts_;
@@ -119,14 +119,15 @@ PowerLogDatabase::Failure PowerLogDatabase::write(const PowerLogActivation& acti
             return std::nullopt;
         } catch (const SqliteError& error) {
             failure = error.what();
-            damaged = error.damaged();
+            answer = answerTo(error, number, path_);
         } catch (const std::exception& error) {
             failure = error.what();
         }
         // Closing takes an open transaction back.
         inserts_.reset();
         database_.reset();
-        if (!damaged || retried) return failure;
+        if (answer == SqliteAnswer::giveUp) return failure;
+        if (answer == SqliteAnswer::tryAgain) continue;
         try {
             const auto held = checkpoints_.hold();
             moveAside(".damaged");

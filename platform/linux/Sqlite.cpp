@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 
 #include "platform/Result.h"
@@ -18,9 +20,27 @@ namespace {
     throw SqliteError(code & 0xff, database ? sqlite3_errmsg(database) : sqlite3_errstr(code));
 }
 
+bool canBeRead(const std::string& path) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    // There may be no journal.
+    if (!file) return errno == ENOENT;
+    std::array<char, 65536> buffer;
+    ssize_t count = 0;
+    do {
+        count = read(file.get(), buffer.data(), buffer.size());
+    } while (count > 0 || (count < 0 && errno == EINTR));
+    return count == 0;
+}
+
 }  // namespace
 
 bool SqliteError::damaged() const { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
+
+SqliteAnswer answerTo(const SqliteError& error, int number, const std::string& path) {
+    if (!error.damaged() || number > 2) return SqliteAnswer::giveUp;
+    if (number == 1) return SqliteAnswer::tryAgain;
+    return canBeRead(path) && canBeRead(path + "-wal") ? SqliteAnswer::moveAside : SqliteAnswer::giveUp;
+}
 
 void makeDatabaseFile(const std::string& path) {
     constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;

@@ -30,6 +30,11 @@ private:
 // the file's mode. Throws when there can be no such file; a link or anything but a plain file in its place is refused.
 void makeDatabaseFile(const std::string& path);
 
+// What follows from an error of a database, the number-th at one piece of work. A read that fails shows as damage too,
+// so that only a file that is found damaged again by a new connection, and of which all can be read, is damaged.
+enum class SqliteAnswer : std::uint8_t { giveUp, tryAgain, moveAside };
+SqliteAnswer answerTo(const SqliteError& error, int number, const std::string& path);
+
 enum class SqliteAccess : std::uint8_t { readWrite, readOnly };
 
 // One connection to a database file that exists. One thread at a time.

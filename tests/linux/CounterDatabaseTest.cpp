@@ -12,6 +12,7 @@
 #include <string>
 
 #include "platform/linux/Sqlite.h"
+#include "tests/support/FailingRead.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -146,6 +147,33 @@ TEST_F(CounterDatabaseTest, BeginsANewFileWhenItsOwnIsTakenAway) {
     for (const char* suffix : {"", "-wal", "-shm"}) unlink(path(suffix).c_str());
     EXPECT_EQ(touch("b"), std::nullopt);
     EXPECT_EQ(stored(), (std::map<std::string, std::int64_t>{{"b", 1}}));
+}
+
+// Each read of the opening, the check and the write fails once, of what is in the journal and of what is in the file.
+TEST_F(CounterDatabaseTest, OneFailedReadMovesNothingAsideAndLosesNoCounter) {
+    CounterBatch many;
+    for (std::size_t index = 0; index < 300; ++index) EXPECT_EQ(many.add(keyOf(index), 1), std::nullopt);
+    EXPECT_EQ(write(many), std::nullopt);
+    std::int64_t told = 0;
+    for (const bool inJournal : {true, false}) {
+        if (!inJournal) SqliteDatabase(path()).execute("PRAGMA wal_checkpoint(TRUNCATE)");
+        for (int number = 1;; ++number) {
+            ASSERT_LT(number, 1000);
+            CounterDatabase database(folder_.path());
+            CounterBatch one;
+            EXPECT_EQ(one.add("told", 1), std::nullopt);
+            const tests::FailingRead failing(number);
+            if (!database.write(one, kStart, refusals_)) ++told;
+            ASSERT_EQ(database.movedAside(), 0u) << "at read " << number;
+            if (!tests::FailingRead::struck()) {
+                EXPECT_GT(number, 10) << "there were no reads to fail";
+                break;
+            }
+        }
+    }
+    EXPECT_EQ(stored().at(keyOf(299)), 1);
+    EXPECT_EQ(stored().at("told"), told);
+    EXPECT_FALSE(std::filesystem::exists(path(".damaged")));
 }
 
 TEST_F(CounterDatabaseTest, FailsWithoutAFolderAndWorksOnceItIsThere) {

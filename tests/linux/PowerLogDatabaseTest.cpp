@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/linux/Sqlite.h"
+#include "tests/support/FailingRead.h"
 #include "tests/support/PowerLogEvents.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryFolder.h"
@@ -196,6 +197,28 @@ TEST_F(PowerLogDatabaseTest, NoticesDamageInTheMiddleOfAFile) {
     EXPECT_EQ(write(), std::nullopt);
     EXPECT_EQ(activations(), 1);
     EXPECT_TRUE(std::filesystem::exists(path(".damaged-1")));
+}
+
+// Each read of the opening, the check and the write fails once, of what is in the journal and of what is in the file.
+TEST_F(PowerLogDatabaseTest, OneFailedReadMovesNothingAsideAndLosesNoActivation) {
+    for (int index = 0; index < 30; ++index) EXPECT_EQ(write(), std::nullopt);
+    std::int64_t told = 30;
+    for (const bool inJournal : {true, false}) {
+        if (!inJournal) SqliteDatabase(path()).execute("PRAGMA wal_checkpoint(TRUNCATE)");
+        for (int number = 1;; ++number) {
+            ASSERT_LT(number, 1000);
+            PowerLogDatabase database(folder_.path(), {});
+            const tests::FailingRead failing(number);
+            if (!database.write(activationOf({}), kStart)) ++told;
+            ASSERT_EQ(database.counts().movedAside, 0u) << "at read " << number;
+            if (!tests::FailingRead::struck()) {
+                EXPECT_GT(number, 10) << "there were no reads to fail";
+                break;
+            }
+        }
+    }
+    EXPECT_EQ(activations(), told);
+    EXPECT_FALSE(std::filesystem::exists(path(".damaged-1")));
 }
 
 TEST_F(PowerLogDatabaseTest, MovesAFileOfALaterVersionAside) {
