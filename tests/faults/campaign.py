@@ -110,12 +110,14 @@ class Campaign:
             return
         plans = []
         for name, kind in SCENARIOS.items():
-            if self.only and self.only not in name:
+            wanted_name, _, wanted_fault = self.only.partition(": ")
+            if wanted_name not in name:
                 continue
             calls = self.record(kind, 2)
+            faults = [fault for fault in faults_of(calls) if wanted_fault in str(fault)]
             if self.share == 0:
-                print(f"{name}: {len(calls)} kinds of calls, {sum(calls.values())} calls, {len(faults_of(calls))} faults", flush=True)
-            plans.append((kind, faults_of(calls)))
+                print(f"{name}: {len(calls)} kinds of calls, {sum(calls.values())} calls, {len(faults)} faults", flush=True)
+            plans.append((kind, faults))
         for _, faults in plans:
             self.random.shuffle(faults)
             faults[:] = faults[self.share::self.shares]
@@ -280,7 +282,7 @@ def main():
     parser.add_argument("--time", type=float, help="seconds after which no further fault is tried")
     parser.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(3), "little"))
     parser.add_argument("--short", action="store_true", help="the fixed short list")
-    parser.add_argument("--only", help="operations whose name contains this")
+    parser.add_argument("--only", default="", help="operations whose name contains this; or \"NAME: FAULT\", as a failure is printed")
     parser.add_argument("--json", help="file that gets the counts")
     # Most of the time is waiting for the daemon's own timers.
     parser.add_argument("--jobs", type=int, default=2 * (os.cpu_count() or 1), help="so many daemons at once, each in folders of its own")
