@@ -48,7 +48,7 @@ void CounterStore::change(Change&& apply) {
     work_.notify_one();
 }
 
-// No signal is for this thread. Without a thread (none to be had) the next change tries again.
+// No signal is for this thread. Without a thread (none to be had) the next change or flush tries again.
 void CounterStore::startThread() {
     sigset_t all;
     sigset_t before;
@@ -64,7 +64,11 @@ void CounterStore::startThread() {
 
 bool CounterStore::flush(std::chrono::milliseconds budget) {
     std::unique_lock lock(mutex_);
-    if (!thread_.joinable()) return pending_.empty();
+    if (!thread_.joinable()) {
+        if (pending_.empty()) return true;
+        startThread();
+        if (!thread_.joinable()) return false;
+    }
     const std::uint64_t mine = ++flushesAsked_;
     work_.notify_one();
     return done_.wait_for(lock, budget, [&] { return flushesDone_ >= mine; }) && lastFlushWorked_;

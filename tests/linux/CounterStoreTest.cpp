@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/linux/Sqlite.h"
+#include "tests/support/NoThreads.h"
 #include "tests/support/RecordingLog.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -70,6 +71,19 @@ TEST_F(CounterStoreTest, WritesByItselfAfterTheInterval) {
     CounterStore store(log_, options());
     store.addToScalar("a.b", 3);
     EXPECT_TRUE(eventually([&] { return selfCounter(store, "writes") == 1; }));
+    EXPECT_EQ(stored("SELECT value FROM scalar"), 3);
+}
+
+TEST_F(CounterStoreTest, WhatWasCountedWithoutAThreadIsWrittenByTheFlush) {
+    CounterStore store(log_, options());
+    {
+        const tests::NoThreads none;
+        store.addToScalar("a.b", 3);
+        EXPECT_EQ(selfCounter(store, "failedWrites"), 1u);
+        EXPECT_FALSE(store.flush(milliseconds(1)));
+    }
+    EXPECT_FALSE(opened());
+    EXPECT_TRUE(store.flush(kPatience));
     EXPECT_EQ(stored("SELECT value FROM scalar"), 3);
 }
 
