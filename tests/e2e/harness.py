@@ -35,7 +35,7 @@ SNAPSHOT_DESCRIPTORS = collections.Counter({"/proc": 1})
 STATE_FOLDERS = ["/var/root", "/var/mobile", "/var/lib/quorvix", "/run/vex", "/Library", "/etc/vex"]
 
 
-def wait_until(condition, seconds=30, what="the condition"):
+def wait_until(condition, seconds=30, what="the condition", pause=0.02):
     """Polls until condition() gives something true and returns it. Generous: a loaded machine must not fail a test."""
     end = time.monotonic() + seconds
     while True:
@@ -44,7 +44,7 @@ def wait_until(condition, seconds=30, what="the condition"):
             return value
         if time.monotonic() > end:
             raise AssertionError(f"{what} did not come within {seconds} s")
-        time.sleep(0.02)
+        time.sleep(pause)
 
 
 def ctl(*arguments, check=True):

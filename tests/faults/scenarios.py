@@ -191,9 +191,9 @@ class Scenario:
         self.act()
         self.stop()
 
-    def wait(self, condition, what):
+    def wait(self, condition, what, pause=0.02):
         """Until it is true, or the daemon has gone."""
-        harness.wait_until(lambda: not self.daemon.alive() or condition(), seconds=30, what=f"{self.name}: {what}")
+        harness.wait_until(lambda: not self.daemon.alive() or condition(), seconds=30, what=f"{self.name}: {what}", pause=pause)
 
     def wait_handled(self):
         """All that this client has sent is handled."""
@@ -470,7 +470,8 @@ class Counters(Scenario):
     def act(self):
         before = self.settled()
         self.count_hang()
-        self.wait(lambda: self.settled() > before, "the write")
+        # The store writes once a second; each look is a process.
+        self.wait(lambda: self.settled() > before, "the write", pause=0.1)
         if self.daemon.alive() and self.counts()["failedWrites"] == 0:
             self.stored[self.key] = 1
 
