@@ -37,7 +37,7 @@ MOST_OF_A_KIND = 12
 MOST_THAT_LOOK = 4
 LASTING = ("ENOSPC", "EROFS", "EMFILE", "EIO")
 # A daemon that the machine gave no time to end tells nothing, and is tried again.
-TRIES_OF_A_HURRIED = 3
+TRIES_OF_A_HURRIED = 5
 # A file that could not be removed stays until the next start.
 REMOVING = ("unlink", "unlinkat")
 
@@ -198,7 +198,7 @@ class Campaign:
                     hurried = False
                     try:
                         problems = self.point(scenario, fault)
-                        hurried = bool(problems) and scenario.hurried
+                        hurried = problems != [] and scenario.hurried
                     except Exception as error:  # a daemon that hangs is a finding too
                         problems = [f"{type(error).__name__}: {error}"]
                     if problems:
@@ -222,8 +222,8 @@ class Campaign:
     def note(self, name, fault, problems, hurried):
         if problems is None or hurried:
             self.results["skipped"] += 1
-            print(f"not reached: {name}: {fault}" if problems is None else
-                  f"not told, the daemon had no time to end: {name}: {fault}: {'; '.join(problems)}", flush=True)
+            why = "not told, the daemon had no time to end" if hurried else "not reached"
+            print(f"{why}: {name}: {fault}{': ' if problems else ''}{'; '.join(problems or [])}", flush=True)
             return
         self.kinds[name].add((fault.call, fault.number))
         self.results["failed" if problems else "passed"] += 1

@@ -94,9 +94,9 @@ class Stores(unittest.TestCase):
 
 
 class Hurried(unittest.TestCase):
-    """A scenario that does nothing but find a problem."""
+    """A scenario that does nothing but find what it is told to, each time with or without time."""
 
-    def results_of(self, hurries):
+    def results_of(self, *answers):
         class Finding(scenarios.Scenario):
             name = "finding"
 
@@ -110,24 +110,33 @@ class Hurried(unittest.TestCase):
             def __init__(self):
                 self.results, self.kinds, self.failures = campaign.collections.Counter(), campaign.collections.defaultdict(set), []
                 self.deadline = None
-                self.answers = iter(hurries)
+                self.answers = iter(answers)
 
             def point(self, scenario, fault):
-                scenario.hurried = next(self.answers)
-                return ["lost"]
+                scenario.hurried, problems = next(self.answers)
+                return problems
 
         points = Points()
         points.scenario(Finding, [Fault(Call("write", "/a"), 1, "EIO")])
         return dict(points.results)
 
     def test_a_daemon_that_had_its_time_fails_at_once(self):
-        self.assertEqual(self.results_of([False]), {"failed": 1})
+        self.assertEqual(self.results_of((False, ["lost"])), {"failed": 1})
 
     def test_one_that_had_none_is_tried_again_and_fails_when_it_had_it(self):
-        self.assertEqual(self.results_of([True, True, False]), {"failed": 1})
+        self.assertEqual(self.results_of((True, ["lost"]), (True, ["lost"]), (False, ["lost"])), {"failed": 1})
 
     def test_one_that_never_had_it_counts_as_skipped(self):
-        self.assertEqual(self.results_of([True, True, True]), {"skipped": 1})
+        self.assertEqual(self.results_of(*[(True, ["lost"])] * campaign.TRIES_OF_A_HURRIED), {"skipped": 1})
+
+    def test_a_call_that_it_had_no_time_for_is_tried_again(self):
+        self.assertEqual(self.results_of((True, None), (False, ["lost"])), {"failed": 1})
+
+    def test_a_call_that_is_not_there_counts_as_skipped_at_once(self):
+        self.assertEqual(self.results_of((False, None)), {"skipped": 1})
+
+    def test_what_is_right_is_right_in_any_time(self):
+        self.assertEqual(self.results_of((True, [])), {"passed": 1})
 
 
 if __name__ == "__main__":
