@@ -137,9 +137,7 @@ bool isDictionaryOf(std::string_view text, std::vector<std::pair<std::int64_t, s
 void Model::makeTracker() {
     if (std::exchange(trackerMade_, true)) return;
     armMidnight();
-    replay_.expect(Op::registerHandler,
-                   "com.norvane.mobile.sentinad.first_unlock on com.norvane.quorvix.perfstats.logoutput");
-    firstUnlockAwaited_ = true;
+    registerFor("com.norvane.mobile.sentinad.first_unlock", "com.norvane.quorvix.perfstats.logoutput");
 }
 
 void Model::armMidnight() {

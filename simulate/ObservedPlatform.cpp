@@ -54,8 +54,12 @@ public:
     explicit Notifications(Context& context) : context_(context) {}
     std::unique_ptr<NotificationToken> registerHandler(std::string_view name, const std::shared_ptr<WorkQueue>& queue,
                                                        Work handler) override {
-        context_.record(Op::registerHandler, std::string(name) + " on " + queue->label());
-        return context_.device.notifications.registerHandler(name, queue, std::move(handler));
+        const Fault fault = context_.faults.take(Op::registerHandler);
+        Record& record = context_.record(Op::registerHandler, std::string(name) + " on " + queue->label());
+        record.error = fault.error;
+        if (!fault.fails()) return context_.device.notifications.registerHandler(name, queue, std::move(handler));
+        // What can't be had at once is refused; what fails later, on the queue, leaves a token that gets nothing.
+        return fault.isShort ? std::make_unique<NotificationToken>() : nullptr;
     }
 
 private:
