@@ -481,30 +481,71 @@ void Fleet::processes(Dice& dice) {
 }
 
 void Fleet::fault(Dice& dice) {
-    const Op op = dice.oneOf<Op>({Op::createFile,     Op::unlinkFile,     Op::moveFile,       Op::createNewFile,
-                                  Op::writeFile,      Op::closeChecked,   Op::replaceFile,    Op::dump,
-                                  Op::dump,           Op::dump,           Op::serialise,      Op::makeText,
-                                  Op::readProfile,    Op::readPreference, Op::readPreference, Op::synchronise,
-                                  Op::executablePath, Op::regionFault,    Op::processName,    Op::bootTime,
-                                  Op::listPids,       Op::resourceUsage,  Op::hostStatistics, Op::priorityList,
-                                  Op::memoryPath,     Op::footprint,      Op::powerEvent,     Op::statusPath,
-                                  Op::makeDirectory,  Op::unlinkPath,     Op::registerHandler});
+    enum : unsigned { kFails = 1, kShort = 2, kSlow = 4 };
+    struct Kind {
+        Op op;
+        unsigned ways;
+    };
+    // What each call can do beyond going well; the table in docs/simulation.md says what is not here, and why.
+    static constexpr Kind kKinds[] = {{Op::createFile, kFails | kSlow},
+                                      {Op::unlinkFile, kFails | kSlow},
+                                      {Op::moveFile, kFails | kSlow},
+                                      {Op::createNewFile, kFails | kSlow},
+                                      {Op::writeFile, kFails | kShort | kSlow},
+                                      {Op::closeChecked, kFails | kSlow},
+                                      {Op::replaceFile, kFails | kSlow},
+                                      {Op::statusPath, kFails},
+                                      {Op::makeDirectory, kFails},
+                                      {Op::unlinkPath, kFails},
+                                      {Op::dump, kFails | kShort | kSlow},
+                                      {Op::dump, kFails | kShort | kSlow},
+                                      {Op::dump, kFails | kShort | kSlow},
+                                      {Op::libraryOpen, kFails},
+                                      {Op::dumpFunction, kFails},
+                                      {Op::serialise, kFails | kSlow},
+                                      {Op::makeText, kFails | kSlow},
+                                      {Op::readProfile, kFails | kSlow},
+                                      {Op::readPreference, kFails | kSlow},
+                                      {Op::readPreference, kFails | kSlow},
+                                      {Op::synchronise, kFails | kSlow},
+                                      {Op::capability, kFails},
+                                      {Op::makeListener, kFails},
+                                      {Op::registerHandler, kFails | kShort},
+                                      {Op::regionMap, kFails},
+                                      {Op::regionFault, kFails},
+                                      {Op::executablePath, kFails | kSlow},
+                                      {Op::listPids, kFails | kShort | kSlow},
+                                      {Op::resourceUsage, kFails | kSlow},
+                                      {Op::processName, kFails | kSlow},
+                                      {Op::hostStatistics, kFails | kSlow},
+                                      {Op::bootTime, kFails | kSlow},
+                                      {Op::priorityList, kFails | kSlow},
+                                      {Op::memoryPath, kFails | kSlow},
+                                      {Op::footprint, kFails | kSlow},
+                                      {Op::assertions, kFails},
+                                      {Op::systemVersion, kFails},
+                                      {Op::kernelMemory, kFails},
+                                      {Op::extensions, kFails},
+                                      {Op::symbolResolver, kFails},
+                                      {Op::hudPort, kFails},
+                                      {Op::hudMessage, kSlow},
+                                      {Op::powerEvent, kSlow},
+                                      {Op::logLine, kSlow}};
+    const Kind kind = kKinds[dice.below(std::size(kKinds))];
+    unsigned way = 0;
+    do way = 1u << dice.below(3);
+    while (!(kind.ways & way));
+    const int error = dice.oneOf<int>({EIO, ENOSPC, EACCES, ENOMEM, EMFILE});
+    const auto slow = std::chrono::milliseconds(dice.oneOf<int>({1, 50, 700, 4000, 12000}));
     Fault fault;
-    const std::uint64_t how = dice.below(3);
-    const bool canBeSlow = op <= Op::dump || op == Op::synchronise || op == Op::executablePath || op == Op::listPids ||
-                           op == Op::powerEvent;
-    const bool onlySlow = op == Op::powerEvent;
-    if (op == Op::registerHandler) {
-        fault.error = ErrorCode{EMFILE};
-        fault.isShort = how == 0;
-    } else if ((how == 0 && canBeSlow) || onlySlow) {
-        fault.slow = std::chrono::milliseconds(dice.oneOf<int>({1, 50, 700, 4000, 12000}));
-    } else if (how == 1 && (op == Op::writeFile || op == Op::dump)) {
-        fault.isShort = true;
-    } else {
-        fault.error = ErrorCode{dice.oneOf<int>({EIO, ENOSPC, EACCES, ENOMEM, EMFILE})};
+    if (way == kFails) fault.error = ErrorCode{error};
+    if (way == kShort) fault.isShort = true;
+    if (way == kSlow) fault.slow = slow;
+    const auto spared = static_cast<std::uint32_t>(dice.below(4));
+    if (kind.op == Op::regionMap) {
+        return world_.device.regions.callFaults().failNth("map", spared + 1, fault.error);
     }
-    world_.faults.arm(op, static_cast<std::uint32_t>(dice.below(4)), fault);
+    world_.faults.arm(kind.op, spared, fault);
 }
 
 void Fleet::late(Dice& dice) {

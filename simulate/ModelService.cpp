@@ -27,6 +27,11 @@ void Model::start() {
     checkPreferences();
     const float factor = 125.0F * 1e-6F / 3.0F;
     msPerTick_ = static_cast<double>(factor);
+    if (replay_.expect(Op::makeListener, "com.norvane.quorvixd").error.value != 0) {
+        // The platform ends a process that can't have its endpoint.
+        replay_.endWork();
+        throw sim::SimulatedExit{71};
+    }
     for (const char* name : {"com.norvane.da.tasking_changed", "com.norvane.Provisia.profileListChanged",
                              "com.norvane.quorvix.pref_changed"}) {
         registerFor(name, "com.norvane.quorvix");
@@ -55,7 +60,7 @@ void Model::makeDirectories() {
 // --- preferences ---------------------------------------------------------------------------------------------------
 
 void Model::checkPreferences() {
-    internalBuild_ = device_.internalBuild;
+    internalBuild_ = device_.internalBuild && !replay_.leftOut(Op::capability);
     if (!internalBuild_) return;
     PropertyListDictionary& store = device_.preferences["com.norvane.da"];
     const auto read = [&](const char* key) -> std::optional<PropertyListValue> {
