@@ -16,11 +16,11 @@ using namespace std::chrono_literals;
 constexpr std::string_view kKindNames[] = {"start",     "watch",      "stop",    "work",    "rest",    "hang",
                                            "fence",     "activation", "garbage", "death",   "lie",     "preference",
                                            "profile",   "clock",      "zone",    "suspend", "unlock",  "pressure",
-                                           "processes", "fault",      "library", "restart", "listener"};
+                                           "processes", "fault",      "late",    "library", "restart", "listener"};
 static_assert(std::size(kKindNames) == static_cast<std::size_t>(ActionKind::count));
 // How often each happens, of the sum of all.
 constexpr std::array<unsigned, std::size(kKindNames)> kWeights = {30, 40, 15, 160, 90, 60, 60, 110, 10, 14, 6, 12,
-                                                                  4,  5,  4,  5,   3,  10, 40, 30,  2,  2,  2};
+                                                                  4,  5,  4,  5,   3,  10, 40, 30,  8,  2,  2, 2};
 
 constexpr std::string_view kPaths[] = {"/Applications/Mail.app/Mail",
                                        "/Applications/Maps.app/Maps",
@@ -45,6 +45,10 @@ std::string_view oneOf(const std::string_view (&choices)[N], Dice& dice) {
     return choices[dice.below(N)];
 }
 
+// Most notifications come at once, some later than what is changed next.
+std::chrono::milliseconds delay(Dice& dice) {
+    return dice.oneIn(4) ? std::chrono::milliseconds(dice.oneOf<int>({1, 700, 5000, 90'000})) : 0ms;
+}
 // Central European rules in miniature: an hour more from day 88 to day 301 of each 365.
 std::chrono::seconds summerTime(WallTime time) {
     const auto day = std::chrono::floor<std::chrono::days>(time).time_since_epoch().count() % 365;
@@ -90,7 +94,6 @@ void Fleet::setUp(Dice dice) {
     world_.debugLines = dice.oneIn(4);
     world_.setInternalBuild(dice.oneIn(3));
     world_.device.renderServer.setPort(dice.oneIn(3) ? 7 : 0);
-    world_.device.scheduler.setLeewayUse(sim::SimScheduler::LeewayUse::none);
     world_.setPreference("com.norvane.da", "QuorvixEnabled", true);
     world_.setPreference("com.norvane.da", "QuorvixEnableSwivex", true);
     world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging", true);
@@ -161,10 +164,11 @@ void Fleet::apply(Action action) {
             // The monotonic clock stands while the device sleeps.
             world_.setWallClock(world_.device.scheduler.wallNow() + std::chrono::minutes(dice.between(1, 600)));
             break;
-        case ActionKind::unlock: world_.post("com.norvane.mobile.sentinad.first_unlock"); break;
+        case ActionKind::unlock: world_.post("com.norvane.mobile.sentinad.first_unlock", delay(dice)); break;
         case ActionKind::pressure: pressure(dice); break;
         case ActionKind::processes: processes(dice); break;
         case ActionKind::fault: fault(dice); break;
+        case ActionKind::late: late(dice); break;
         case ActionKind::library: world_.setTraceLibrary(!dice.oneIn(3), !dice.oneIn(3)); break;
         case ActionKind::restart: restart(dice); break;
         case ActionKind::listener: listener(dice); break;
@@ -353,9 +357,10 @@ void Fleet::lie(Client& client, Dice& dice) {
 // --- the device ----------------------------------------------------------------------------------------------------
 
 void Fleet::post(Dice& dice) {
-    world_.post(
+    const auto name =
         dice.oneOf<std::string_view>({"com.norvane.da.tasking_changed", "com.norvane.Provisia.profileListChanged",
-                                      "com.norvane.quorvix.pref_changed"}));
+                                      "com.norvane.quorvix.pref_changed"});
+    world_.post(name, delay(dice));
 }
 
 void Fleet::preference(Dice& dice) {
@@ -476,26 +481,78 @@ void Fleet::processes(Dice& dice) {
 }
 
 void Fleet::fault(Dice& dice) {
-    const Op op = dice.oneOf<Op>(
-        {Op::createFile,   Op::unlinkFile,     Op::moveFile,       Op::createNewFile,  Op::writeFile,
-         Op::closeChecked, Op::replaceFile,    Op::dump,           Op::dump,           Op::dump,
-         Op::serialise,    Op::makeText,       Op::readProfile,    Op::readPreference, Op::readPreference,
-         Op::synchronise,  Op::executablePath, Op::regionFault,    Op::processName,    Op::bootTime,
-         Op::listPids,     Op::resourceUsage,  Op::hostStatistics, Op::priorityList,   Op::memoryPath,
-         Op::footprint,    Op::powerEvent,     Op::statusPath,     Op::makeDirectory,  Op::unlinkPath});
+    enum : unsigned { kFails = 1, kShort = 2, kSlow = 4 };
+    struct Kind {
+        Op op;
+        unsigned ways;
+    };
+    // What each call can do beyond going well; the table in docs/simulation.md says what is not here, and why.
+    static constexpr Kind kKinds[] = {{Op::createFile, kFails | kSlow},
+                                      {Op::unlinkFile, kFails | kSlow},
+                                      {Op::moveFile, kFails | kSlow},
+                                      {Op::createNewFile, kFails | kSlow},
+                                      {Op::writeFile, kFails | kShort | kSlow},
+                                      {Op::closeChecked, kFails | kSlow},
+                                      {Op::replaceFile, kFails | kSlow},
+                                      {Op::statusPath, kFails},
+                                      {Op::makeDirectory, kFails},
+                                      {Op::unlinkPath, kFails},
+                                      {Op::dump, kFails | kShort | kSlow},
+                                      {Op::dump, kFails | kShort | kSlow},
+                                      {Op::dump, kFails | kShort | kSlow},
+                                      {Op::libraryOpen, kFails},
+                                      {Op::dumpFunction, kFails},
+                                      {Op::serialise, kFails | kSlow},
+                                      {Op::makeText, kFails | kSlow},
+                                      {Op::readProfile, kFails | kSlow},
+                                      {Op::readPreference, kFails | kSlow},
+                                      {Op::readPreference, kFails | kSlow},
+                                      {Op::synchronise, kFails | kSlow},
+                                      {Op::capability, kFails},
+                                      {Op::makeListener, kFails},
+                                      {Op::registerHandler, kFails | kShort},
+                                      {Op::regionMap, kFails},
+                                      {Op::regionFault, kFails},
+                                      {Op::executablePath, kFails | kSlow},
+                                      {Op::listPids, kFails | kShort | kSlow},
+                                      {Op::resourceUsage, kFails | kSlow},
+                                      {Op::processName, kFails | kSlow},
+                                      {Op::hostStatistics, kFails | kSlow},
+                                      {Op::bootTime, kFails | kSlow},
+                                      {Op::priorityList, kFails | kSlow},
+                                      {Op::memoryPath, kFails | kSlow},
+                                      {Op::footprint, kFails | kSlow},
+                                      {Op::assertions, kFails},
+                                      {Op::systemVersion, kFails},
+                                      {Op::kernelMemory, kFails},
+                                      {Op::extensions, kFails},
+                                      {Op::symbolResolver, kFails},
+                                      {Op::hudPort, kFails},
+                                      {Op::hudMessage, kSlow},
+                                      {Op::powerEvent, kSlow},
+                                      {Op::logLine, kSlow}};
+    const Kind kind = kKinds[dice.below(std::size(kKinds))];
+    unsigned way = 0;
+    do way = 1u << dice.below(3);
+    while (!(kind.ways & way));
+    const int error = dice.oneOf<int>({EIO, ENOSPC, EACCES, ENOMEM, EMFILE});
+    const auto slow = std::chrono::milliseconds(dice.oneOf<int>({1, 50, 700, 4000, 12000}));
     Fault fault;
-    const std::uint64_t how = dice.below(3);
-    const bool canBeSlow = op <= Op::dump || op == Op::synchronise || op == Op::executablePath || op == Op::listPids ||
-                           op == Op::powerEvent;
-    const bool onlySlow = op == Op::powerEvent;
-    if ((how == 0 && canBeSlow) || onlySlow) {
-        fault.slow = std::chrono::milliseconds(dice.oneOf<int>({1, 50, 700, 4000, 12000}));
-    } else if (how == 1 && (op == Op::writeFile || op == Op::dump)) {
-        fault.isShort = true;
-    } else {
-        fault.error = ErrorCode{dice.oneOf<int>({EIO, ENOSPC, EACCES, ENOMEM, EMFILE})};
+    if (way == kFails) fault.error = ErrorCode{error};
+    if (way == kShort) fault.isShort = true;
+    if (way == kSlow) fault.slow = slow;
+    const auto spared = static_cast<std::uint32_t>(dice.below(4));
+    if (kind.op == Op::regionMap) {
+        return world_.device.regions.callFaults().failNth("map", spared + 1, fault.error);
     }
-    world_.faults.arm(op, static_cast<std::uint32_t>(dice.below(4)), fault);
+    world_.faults.arm(kind.op, spared, fault);
+}
+
+void Fleet::late(Dice& dice) {
+    using Use = sim::SimScheduler::LeewayUse;
+    if (dice.oneIn(3)) return world_.setLeewayUse(dice.oneOf<Use>({Use::none, Use::full, Use::varied}), dice.word());
+    // Beyond the leeway of the hang check, beyond the time-out of an activation.
+    world_.holdWakeUps(std::chrono::milliseconds(dice.oneOf<int>({1, 50, 900, 1100, 6000, 61'000, 400'000})));
 }
 
 void Fleet::startDaemon(Dice& dice) {

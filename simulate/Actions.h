@@ -34,6 +34,7 @@ enum class ActionKind : std::uint8_t {
     pressure,    // memory runs short: the figures of processes and host move
     processes,   // processes use CPU time, come and go
     fault,       // a call of the platform will go wrong
+    late,        // timers use their leeways otherwise, or nothing wakes the daemon for a while
     library,     // the trace library comes, goes, or lacks its function
     restart,     // the daemon is ended and started
     listener,    // the listener itself sees an error
@@ -92,6 +93,7 @@ private:
     void pressure(Dice& dice);
     void processes(Dice& dice);
     void fault(Dice& dice);
+    void late(Dice& dice);
     void restart(Dice& dice);
     void listener(Dice& dice);
     // The daemon starts, and what of the clients holds on connects again.

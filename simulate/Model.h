@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -126,6 +127,7 @@ private:
     void checkPreferences();
     void refresh();
     std::optional<PropertyListValue> preference(std::string_view key, std::string_view domain = "com.norvane.da");
+    void registerFor(const std::string& name, const char* queue);
     void scheduleMemoryTimer();
     void postConnectionEvent(const std::shared_ptr<ModelConnection>& connection, ModelEvent event);
     void connectionEvent(const std::shared_ptr<ModelConnection>& connection, const ModelEvent& event);
@@ -199,6 +201,8 @@ private:
     double cpuThreshold_ = 50.0;
     std::unique_ptr<RepeatingTimer> hangTimer_;
     std::unique_ptr<RepeatingTimer> memoryTimer_;
+    // Notifications that are heard.
+    std::set<std::string, std::less<>> registered_;
     std::uint64_t lastRefill_ = 0;
     std::uint64_t dayStart_ = 0;
 
@@ -222,7 +226,6 @@ private:
     std::int32_t largestPid_ = -1;
     std::uint32_t activationsRecorded_ = 0;
     bool otherProcessesSent_ = false;
-    bool firstUnlockAwaited_ = false;
 };
 
 }  // namespace quorvix::simulate

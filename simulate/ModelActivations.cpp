@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <charconv>
+#include <span>
 #include <utility>
 
 #include "simulate/Model.h"
@@ -137,9 +138,7 @@ bool isDictionaryOf(std::string_view text, std::vector<std::pair<std::int64_t, s
 void Model::makeTracker() {
     if (std::exchange(trackerMade_, true)) return;
     armMidnight();
-    replay_.expect(Op::registerHandler,
-                   "com.norvane.mobile.sentinad.first_unlock on com.norvane.quorvix.perfstats.logoutput");
-    firstUnlockAwaited_ = true;
+    registerFor("com.norvane.mobile.sentinad.first_unlock", "com.norvane.quorvix.perfstats.logoutput");
 }
 
 void Model::armMidnight() {
@@ -247,10 +246,11 @@ Model::ActivationPointer Model::makeActivation(std::uint8_t statistics, const Ac
     record.bundle = begin.bundle;
     record.startState = static_cast<std::uint8_t>(begin.state);
     record.type = static_cast<std::uint8_t>(begin.type);
+    // The time first: the boot time may take long to be had.
+    const auto uptimeNow =
+        std::chrono::floor<std::chrono::seconds>(device_.scheduler.wallNow().time_since_epoch()).count();
     if (replay_.question(Op::bootTime, "").error.value == 0 && device_.platform.host.bootTime != 0) {
-        record.uptime =
-            std::chrono::floor<std::chrono::seconds>(device_.scheduler.wallNow().time_since_epoch()).count() -
-            device_.platform.host.bootTime;
+        record.uptime = uptimeNow - device_.platform.host.bootTime;
     }
     const std::uint64_t latency = now - begin.sent;
     insertFlag(record.flags, latency / 50, 3);
@@ -294,18 +294,21 @@ ModelSnapshot Model::takeSnapshot(std::uint8_t options) {
                 log("QXActivationStats: get_cpu_stats: Process count returned less than zero\n");
                 return std::nullopt;
             }
-            if (replay_.question(Op::listPids, "into a buffer").error.value != 0) {
+            const Record listed = replay_.question(Op::listPids, "into a buffer");
+            if (listed.error.value != 0 || listed.number == 0) {
                 log("get_cpu_stats: Found no processes\n");
                 return std::nullopt;
             }
             std::vector<Task> tasks;
-            for (const auto& task : table) {
-                const Record usage = replay_.questionIfAsked(Op::resourceUsage, std::to_string(task.pid));
-                if (usage.error.value != 0) {
-                    log(print("QXActivationStats: ** Failed to get rusage info for pid %d error:%s number:%d **",
-                              task.pid, usage.error.text().c_str(), usage.error.value));
-                    continue;
-                }
+            const auto failed = [&](std::int32_t pid) {
+                const Record usage = replay_.questionIfAsked(Op::resourceUsage, std::to_string(pid));
+                if (usage.error.value == 0) return false;
+                log(print("QXActivationStats: ** Failed to get rusage info for pid %d error:%s number:%d **", pid,
+                          usage.error.text().c_str(), usage.error.value));
+                return true;
+            };
+            for (const auto& task : std::span(table).first(listed.number)) {
+                if (failed(task.pid)) continue;
                 Task& kept = tasks.emplace_back(Task{task.pid, task.name.substr(0, 31), task.usage});
                 const Record name = replay_.questionIfAsked(Op::processName, std::to_string(task.pid));
                 if (name.error.value != 0) {
@@ -314,6 +317,8 @@ ModelSnapshot Model::takeSnapshot(std::uint8_t options) {
                     kept.name.clear();
                 }
             }
+            // Of the slots that nothing was filled into, the first is taken for the kernel, which has no usage here.
+            if (listed.number < table.size() && !failed(0)) throw Mismatch{"process 0 has a usage"};
             return tasks;
         };
         snapshot.tasks = listTasks();

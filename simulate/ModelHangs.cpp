@@ -273,8 +273,9 @@ void Model::setDisplay(const std::optional<std::string>& text) {
 
 bool Model::traceLibraryUsable() {
     if (!traceLibrary_) {
-        traceLibrary_ = device_.traceLibrary && device_.traceFunction;
-        if (!device_.traceLibrary) log("libswivex.dylib is not present.");
+        const bool present = device_.traceLibrary && !replay_.leftOut(Op::libraryOpen);
+        traceLibrary_ = present && device_.traceFunction && !replay_.leftOut(Op::dumpFunction);
+        if (!present) log("libswivex.dylib is not present.");
     }
     return *traceLibrary_;
 }

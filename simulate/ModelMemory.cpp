@@ -7,6 +7,8 @@ namespace quorvix::simulate {
 
 namespace {
 
+// Escaped: two question marks begin a trigraph.
+constexpr const char* kNothing = "\?\?\?";
 constexpr const char* kCache = "/var/root/Library/Caches/quorvixd/";
 
 }  // namespace
@@ -40,7 +42,8 @@ void Model::memorySnapshot() {
 
 std::string Model::memoryReport(const std::string& date) {
     const sim::SimPlatform& real = device_.platform;
-    const std::string version = "CVOS 9.3 (13E230)";
+    const std::string version =
+        replay_.leftOut(Op::systemVersion) ? print("%s %s (%s)", kNothing, kNothing, kNothing) : "CVOS 9.3 (13E230)";
     std::string text = "{\"bug_type\":\"152\",\"os_version\":\"" + version + "\"}\n";
     text += print("{\n\"Model\" : \"%s\",\n\"Timestamp\" : \"%s\",\n\"OSVersion\" : \"%s\"\n}\n", "Corvel7,1",
                   date.c_str(), version.c_str());
@@ -99,7 +102,9 @@ std::string Model::memoryReport(const std::string& date) {
         const char* const dirty = !(process.state & 0x8) ? "-" : process.state & 0x20 ? "Y" : "N";
         text += print("%s{\"ProcessName\":\"%s\", \"Priority\":%d, \"Footprint\":%d, \"Dirty\":\"%s\"",
                       first ? "" : ",\n", name.c_str(), process.priority, static_cast<int>(pages), dirty);
-        if (process.assertions != 0) {
+        const std::uint64_t assertions =
+            replay_.questionIfAsked(Op::assertions, pid).error.value == 0 ? process.assertions : 0;
+        if (assertions != 0) {
             text += ", \"Assertions\":[";
             static constexpr const char* kNames[] = {"Audio",
                                                      "Location",
@@ -129,9 +134,9 @@ std::string Model::memoryReport(const std::string& date) {
                                                      "Extension",
                                                      "Continuity"};
             for (int bit = 0; bit < 64; ++bit) {
-                if (!(process.assertions >> bit & 1)) continue;
+                if (!(assertions >> bit & 1)) continue;
                 text += bit < 27 ? print("\"%s\"", kNames[bit]) : print("\"UnknownAssertion_%d\"", bit);
-                if (bit < 63 && process.assertions >> (bit + 1)) text += ",";
+                if (bit < 63 && assertions >> (bit + 1)) text += ",";
             }
             text += "]";
         }
@@ -140,14 +145,17 @@ std::string Model::memoryReport(const std::string& date) {
     }
     text += "],\n\"Zones\" :\n[\n";
     first = true;
-    for (const KernelZone& zone : real.kernelMemory.memory.zones) {
+    const auto known = replay_.leftOut(Op::kernelMemory) ? KernelMemoryInformation{} : real.kernelMemory.memory;
+    const bool extensionsListed = !replay_.leftOut(Op::extensions);
+    const bool hasSymbols = !replay_.leftOut(Op::symbolResolver);
+    for (const KernelZone& zone : known.zones) {
         text += print("%s{ \"Name\" : \"%s\", \"Pages\" : %llu }", first ? "" : ",\n", zone.name.c_str(),
                       static_cast<unsigned long long>(zone.sizeBytes / real.host.pageBytes));
         first = false;
     }
     text += "],\n\"Wired\" :\n[\n";
     first = true;
-    for (const WiredSite& site : real.kernelMemory.memory.sites) {
+    for (const WiredSite& site : known.sites) {
         if (site.sizeBytes == 0) continue;
         std::string name;
         if (site.kind == WiredSite::Kind::counter) {
@@ -155,11 +163,11 @@ std::string Model::memoryReport(const std::string& date) {
         } else if (site.kind == WiredSite::Kind::kernelExtension) {
             name = "(unknown kmod)";
             for (const KernelExtension& extension : real.kernelMemory.extensions) {
-                if (extension.loadTag == site.number) name = extension.bundleIdentifier;
+                if (extensionsListed && extension.loadTag == site.number) name = extension.bundleIdentifier;
             }
         } else if (site.kind == WiredSite::Kind::kernelAddress) {
             const auto symbol = real.kernelMemory.symbols.find(site.number);
-            name = symbol != real.kernelMemory.symbols.end()
+            name = hasSymbols && symbol != real.kernelMemory.symbols.end()
                        ? symbol->second
                        : print("site 0x%llx", static_cast<unsigned long long>(site.number));
         } else {

@@ -27,9 +27,14 @@ void Model::start() {
     checkPreferences();
     const float factor = 125.0F * 1e-6F / 3.0F;
     msPerTick_ = static_cast<double>(factor);
+    if (replay_.expect(Op::makeListener, "com.norvane.quorvixd").error.value != 0) {
+        // The platform ends a process that can't have its endpoint.
+        replay_.endWork();
+        throw sim::SimulatedExit{71};
+    }
     for (const char* name : {"com.norvane.da.tasking_changed", "com.norvane.Provisia.profileListChanged",
                              "com.norvane.quorvix.pref_changed"}) {
-        replay_.expect(Op::registerHandler, std::string(name) + " on com.norvane.quorvix");
+        registerFor(name, "com.norvane.quorvix");
     }
     replay_.expect(Op::ready, "");
     refresh();
@@ -55,7 +60,7 @@ void Model::makeDirectories() {
 // --- preferences ---------------------------------------------------------------------------------------------------
 
 void Model::checkPreferences() {
-    internalBuild_ = device_.internalBuild;
+    internalBuild_ = device_.internalBuild && !replay_.leftOut(Op::capability);
     if (!internalBuild_) return;
     PropertyListDictionary& store = device_.preferences["com.norvane.da"];
     const auto read = [&](const char* key) -> std::optional<PropertyListValue> {
@@ -191,7 +196,14 @@ void Model::scheduleMemoryTimer() {
     memoryTimer_->schedule({.firstDelay = interval, .interval = interval, .leeway = 1s});
 }
 
+// What could not be registered is never heard.
+void Model::registerFor(const std::string& name, const char* queue) {
+    const Record registered = replay_.expect(Op::registerHandler, name + " on " + queue);
+    if (registered.error.value == 0) registered_.insert(name);
+}
+
 void Model::notify(std::string_view name) {
+    if (!registered_.contains(name)) return;
     if (name == "com.norvane.da.tasking_changed" || name == "com.norvane.Provisia.profileListChanged") {
         post(QueueName::daemon, [this] { refresh(); });
     } else if (name == "com.norvane.quorvix.pref_changed") {
@@ -199,7 +211,7 @@ void Model::notify(std::string_view name) {
             info("QXActivationStats: Activation Logging preferences changed!");
             refresh();
         });
-    } else if (name == "com.norvane.mobile.sentinad.first_unlock" && firstUnlockAwaited_) {
+    } else if (name == "com.norvane.mobile.sentinad.first_unlock") {
         post(QueueName::output, [this] {
             info("QXActivationStats: First unlock; resetting largest tracked pid");
             largestPid_ = -1;

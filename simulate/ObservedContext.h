@@ -23,6 +23,12 @@ struct Context {
 
     // Outside of work there is nobody who compares: start-up runs in work of its own on the main queue.
     Record& record(Op op, std::string what) { return trace.add(op, std::move(what)); }
+    // Whether a question that has no error finds nothing out this time, which is written down.
+    bool leavesOut(Op op) {
+        const Fault fault = faults.take(op);
+        if (fault.fails()) record(op, {}).error = fault.error;
+        return fault.fails();
+    }
     // The time of a slow call passes after the call was written down.
     void spend(Record& record, const Fault& fault) {
         if (fault.slow.count() == 0 || trace.queue() == QueueName::main) return;

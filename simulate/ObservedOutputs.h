@@ -30,7 +30,9 @@ public:
     void write(std::string_view, std::string_view category, LogLevel level, std::string_view text) override {
         const Op op = category.empty() ? Op::logLine : category == "appLaunch" ? Op::launchLine : Op::platformLine;
         const char* const shown = level == LogLevel::standard ? "D:" : level == LogLevel::info ? "I:" : "d:";
-        context_.record(op, shown + std::string(text));
+        Record& record = context_.record(op, shown + std::string(text));
+        // The daemon's own lines are not the model's, and may not move its time.
+        if (op != Op::platformLine) context_.spend(record, context_.faults.take(op));
     }
 
 private:
@@ -58,12 +60,15 @@ class Display final : public RenderServer {
 public:
     explicit Display(Context& context) : context_(context) {}
     std::uint32_t port() override {
-        const std::uint32_t port = context_.device.renderServer.port();
+        const Fault fault = context_.faults.take(Op::hudPort);
+        const std::uint32_t port = fault.fails() ? 0 : context_.device.renderServer.port();
         context_.record(Op::hudPort, {}).number = port;
         return port;
     }
     void setDebugMessage(std::uint32_t port, std::optional<std::string_view> text) override {
-        context_.record(Op::hudMessage, text ? "\"" + std::string(*text) + "\"" : "none").number = port;
+        Record& record = context_.record(Op::hudMessage, text ? "\"" + std::string(*text) + "\"" : "none");
+        record.number = port;
+        context_.spend(record, context_.faults.take(Op::hudMessage));
     }
     void releasePort(std::uint32_t port) override {
         context_.record(Op::hudRelease, {}).number = port;

@@ -54,8 +54,13 @@ public:
     explicit Notifications(Context& context) : context_(context) {}
     std::unique_ptr<NotificationToken> registerHandler(std::string_view name, const std::shared_ptr<WorkQueue>& queue,
                                                        Work handler) override {
-        context_.record(Op::registerHandler, std::string(name) + " on " + queue->label());
-        return context_.device.notifications.registerHandler(name, queue, std::move(handler));
+        const Fault fault = context_.faults.take(Op::registerHandler);
+        Record& record = context_.record(Op::registerHandler, std::string(name) + " on " + queue->label());
+        record.error = fault.isShort ? ErrorCode{EMFILE} : fault.error;
+        if (record.error.value == 0)
+            return context_.device.notifications.registerHandler(name, queue, std::move(handler));
+        // What can't be had at once is refused; what fails later, on the queue, leaves a token that gets nothing.
+        return fault.isShort ? std::make_unique<NotificationToken>() : nullptr;
     }
 
 private:
@@ -95,11 +100,13 @@ class Libraries final : public LibraryLoader {
 public:
     explicit Libraries(Context& context) : context_(context) {}
     void* open(std::string_view path) override {
-        void* const library = context_.device.libraries.open(path);
-        if (!library) context_.record(Op::libraryOpen, std::string(path)).error = ErrorCode{ENOENT};
-        return library;
+        return context_.leavesOut(Op::libraryOpen) ? nullptr : context_.device.libraries.open(path);
     }
-    void* symbol(void* library, const char* name) override { return context_.device.libraries.symbol(library, name); }
+    void* symbol(void* library, const char* name) override {
+        const bool isFunction = std::string_view(name) == "swivex_dump_output_with_options_sync";
+        if (isFunction && context_.leavesOut(Op::dumpFunction)) return nullptr;
+        return context_.device.libraries.symbol(library, name);
+    }
 
 private:
     Context& context_;
@@ -122,8 +129,26 @@ private:
         auto result = fault.fails() ? Result<T>(fault.error) : run();
         Record& record = context_.record(op, {});
         if (!result) record.error = result.error();
+        context_.spend(record, fault);
         return result;
     }
+    Context& context_;
+};
+
+// Only the endpoint itself is watched: what clients do is a matter of the actions.
+class Messages final : public MessageService {
+public:
+    explicit Messages(Context& context) : context_(context) {}
+    std::shared_ptr<MessageListener> makeListener(std::string_view endpoint,
+                                                  const std::shared_ptr<WorkQueue>& queue) override {
+        const Fault fault = context_.faults.take(Op::makeListener);
+        context_.record(Op::makeListener, std::string(endpoint)).error = fault.error;
+        if (!fault.fails()) return context_.device.messages.makeListener(endpoint, queue);
+        context_.trace.endWork();
+        throw sim::SimulatedExit{kNoEndpoint};
+    }
+
+private:
     Context& context_;
 };
 
@@ -137,6 +162,7 @@ struct ObservedPlatform::Services {
     Log log{context};
     Counters counters{context};
     ObservedFiles files{context};
+    Messages messages{context};
     Regions regions{context};
     Store preferences{context};
     Lists propertyLists{context};
@@ -151,16 +177,19 @@ struct ObservedPlatform::Services {
     Power powerLog{context};
     Intervals signposts{context};
     Memory processMemory{context};
+    Capabilities capabilities{context};
+    Version systemInformation{context};
+    Kernel kernelMemory{context};
 
     Platform platform{.tickClock = context.device.tickClock,
                       .wallClock = context.device.wallClock,
                       .queues = queues,
-                      .messages = context.device.messages,
+                      .messages = messages,
                       .regions = regions,
                       .notifications = notifications,
                       .preferences = preferences,
                       .propertyLists = propertyLists,
-                      .capabilities = context.device.capabilities,
+                      .capabilities = capabilities,
                       .log = log,
                       .counters = counters,
                       .processes = processes,
@@ -175,9 +204,9 @@ struct ObservedPlatform::Services {
                       .powerLog = powerLog,
                       .signposts = signposts,
                       .console = context.device.console,
-                      .systemInformation = context.device.systemInformation,
+                      .systemInformation = systemInformation,
                       .processMemory = processMemory,
-                      .kernelMemory = context.device.kernelMemory};
+                      .kernelMemory = kernelMemory};
 };
 
 ObservedPlatform::ObservedPlatform(sim::SimPlatform& device, Trace& trace, FaultPlan& faults)

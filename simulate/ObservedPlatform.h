@@ -34,6 +34,9 @@ private:
     std::unique_ptr<Services> services_;
 };
 
+// The status of a daemon that can't have its endpoint.
+inline constexpr int kNoEndpoint = 71;
+
 // Where the simulated trace library is found, and what it writes for a trace.
 inline constexpr std::string_view kTraceLibraryPath = "/usr/lib/libswivex.dylib";
 void installTraceLibrary(sim::SimPlatform& device, bool withDumpFunction);

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -22,6 +24,7 @@ public:
         const Fault fault = context_.faults.take(Op::readPreference);
         Record& record = context_.record(Op::readPreference, named(key, domain));
         record.error = fault.error;
+        context_.spend(record, fault);
         return fault.fails() ? std::nullopt : context_.device.preferences.value(key, domain);
     }
     void setValue(std::string_view key, std::optional<PropertyListValue> value,
@@ -49,7 +52,9 @@ public:
     explicit Lists(Context& context) : context_(context) {}
     std::optional<PropertyListDictionary> readDictionary(std::string_view path) override {
         const Fault fault = context_.faults.take(Op::readProfile);
-        context_.record(Op::readProfile, std::string(path)).error = fault.error;
+        Record& record = context_.record(Op::readProfile, std::string(path));
+        record.error = fault.error;
+        context_.spend(record, fault);
         return fault.fails() ? std::nullopt : context_.device.propertyLists.readDictionary(path);
     }
 
@@ -72,25 +77,42 @@ public:
         const Fault fault = context_.faults.take(Op::listPids);
         Record& record = context_.record(Op::listPids, pids ? "into a buffer" : "for the size");
         record.error = fault.error;
+        std::int32_t given = -1;
+        if (!fault.fails()) {
+            // Half of the processes have gone since the size was asked for.
+            const std::int32_t room = pids && fault.isShort ? bufferBytes / 8 * 4 : bufferBytes;
+            if (pids) std::memset(pids, 0, static_cast<std::size_t>(bufferBytes));
+            given = context_.device.processes.listAllPids(pids, room);
+        }
+        record.number = static_cast<std::uint64_t>(given) / 4;
         context_.spend(record, fault);
-        return fault.fails() ? -1 : context_.device.processes.listAllPids(pids, bufferBytes);
+        return given;
     }
     Result<void> resourceUsage(std::int32_t pid, ResourceUsage& usage) override {
         const Fault fault = context_.faults.take(Op::resourceUsage);
         const Result<void> answer =
             fault.fails() ? Result<void>(fault.error) : context_.device.processes.resourceUsage(pid, usage);
-        if (!answer) context_.record(Op::resourceUsage, std::to_string(pid)).error = answer.error();
+        note(Op::resourceUsage, pid, answer, fault);
         return answer;
     }
     Result<std::size_t> processName(std::int32_t pid, std::span<char> buffer) override {
         const Fault fault = context_.faults.take(Op::processName);
         const Result<std::size_t> answer =
             fault.fails() ? Result<std::size_t>(fault.error) : context_.device.processes.processName(pid, buffer);
-        if (!answer) context_.record(Op::processName, std::to_string(pid)).error = answer.error();
+        note(Op::processName, pid, answer, fault);
         return answer;
     }
 
 private:
+    // There are many of these: only what went wrong is written down.
+    template <class T>
+    void note(Op op, std::int32_t pid, const Result<T>& answer, const Fault& fault) {
+        if (answer && fault.slow.count() == 0) return;
+        Record& record = context_.record(op, std::to_string(pid));
+        if (!answer) record.error = answer.error();
+        context_.spend(record, fault);
+    }
+
     Context& context_;
 };
 
@@ -101,6 +123,7 @@ public:
         const Fault fault = context_.faults.take(Op::hostStatistics);
         Record& record = context_.record(Op::hostStatistics, std::to_string(count));
         record.error = fault.error;
+        context_.spend(record, fault);
         if (fault.fails()) return fault.error;
         return context_.device.host.vmStatistics64(statistics, count);
     }
@@ -109,6 +132,7 @@ public:
         const Fault fault = context_.faults.take(Op::bootTime);
         Record& record = context_.record(Op::bootTime, {});
         record.error = fault.error;
+        context_.spend(record, fault);
         if (fault.fails()) return fault.error;
         return context_.device.host.bootTimeSeconds();
     }
@@ -121,24 +145,77 @@ class Memory final : public ProcessMemory {
 public:
     explicit Memory(Context& context) : context_(context) {}
     Result<std::vector<MemoryPriority>> priorityList() override {
-        const Fault fault = context_.faults.take(Op::priorityList);
-        context_.record(Op::priorityList, {}).error = fault.error;
+        const Fault fault = asked(Op::priorityList, {});
         if (fault.fails()) return fault.error;
         return context_.device.processMemory.priorityList();
     }
     Result<std::string> executablePath(std::int32_t pid) override {
-        const Fault fault = context_.faults.take(Op::memoryPath);
-        context_.record(Op::memoryPath, std::to_string(pid)).error = fault.error;
+        const Fault fault = asked(Op::memoryPath, std::to_string(pid));
         if (fault.fails()) return fault.error;
         return context_.device.processMemory.executablePath(pid);
     }
     Result<std::uint64_t> physicalFootprint(std::int32_t pid) override {
-        const Fault fault = context_.faults.take(Op::footprint);
-        context_.record(Op::footprint, std::to_string(pid)).error = fault.error;
+        const Fault fault = asked(Op::footprint, std::to_string(pid));
         if (fault.fails()) return fault.error;
         return context_.device.processMemory.physicalFootprint(pid);
     }
-    std::uint64_t assertions(std::int32_t pid) override { return context_.device.processMemory.assertions(pid); }
+    std::uint64_t assertions(std::int32_t pid) override {
+        const Fault fault = context_.faults.take(Op::assertions);
+        if (!fault.fails()) return context_.device.processMemory.assertions(pid);
+        context_.record(Op::assertions, std::to_string(pid)).error = fault.error;
+        return 0;
+    }
+
+private:
+    Fault asked(Op op, std::string what) {
+        const Fault fault = context_.faults.take(op);
+        Record& record = context_.record(op, std::move(what));
+        record.error = fault.error;
+        context_.spend(record, fault);
+        return fault;
+    }
+    Context& context_;
+};
+
+// What these can't find out they leave out: a fault is an answer with nothing in it.
+class Version final : public SystemInformation {
+public:
+    explicit Version(Context& context) : context_(context) {}
+    SystemVersion version() override {
+        return context_.leavesOut(Op::systemVersion) ? SystemVersion{} : context_.device.systemInformation.version();
+    }
+    std::string machine() override { return context_.device.systemInformation.machine(); }
+
+private:
+    Context& context_;
+};
+
+class Kernel final : public KernelMemory {
+public:
+    explicit Kernel(Context& context) : context_(context) {}
+    KernelMemoryInformation information() override {
+        if (context_.leavesOut(Op::kernelMemory)) return {};
+        return context_.device.kernelMemory.information();
+    }
+    std::vector<KernelExtension> loadedExtensions() override {
+        if (context_.leavesOut(Op::extensions)) return {};
+        return context_.device.kernelMemory.loadedExtensions();
+    }
+    std::unique_ptr<SymbolResolver> makeSymbolResolver() override {
+        if (context_.leavesOut(Op::symbolResolver)) return nullptr;
+        return context_.device.kernelMemory.makeSymbolResolver();
+    }
+
+private:
+    Context& context_;
+};
+
+class Capabilities final : public DeviceCapabilities {
+public:
+    explicit Capabilities(Context& context) : context_(context) {}
+    bool booleanAnswer(std::string_view question) override {
+        return !context_.leavesOut(Op::capability) && context_.device.capabilities.booleanAnswer(question);
+    }
 
 private:
     Context& context_;

@@ -32,6 +32,7 @@ std::string_view nameOf(Op op) {
                                                   "power event",
                                                   "interval begin",
                                                   "interval end",
+                                                  "make listener",
                                                   "register",
                                                   "ready",
                                                   "exit",
@@ -51,6 +52,13 @@ std::string_view nameOf(Op op) {
                                                   "priority list",
                                                   "memory path",
                                                   "footprint",
+                                                  "assertions",
+                                                  "system version",
+                                                  "kernel memory",
+                                                  "extensions",
+                                                  "symbol resolver",
+                                                  "capability",
+                                                  "dump function",
                                                   "platform log"};
     static_assert(std::size(kNames) == static_cast<std::size_t>(Op::count));
     return kNames[static_cast<std::size_t>(op)];

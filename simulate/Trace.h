@@ -43,6 +43,7 @@ enum class Op : std::uint8_t {
     powerEvent,
     intervalBegin,
     intervalEnd,
+    makeListener,
     registerHandler,
     ready,
     exitProcess,
@@ -64,6 +65,13 @@ enum class Op : std::uint8_t {
     priorityList,
     memoryPath,
     footprint,
+    assertions,
+    systemVersion,
+    kernelMemory,
+    extensions,
+    symbolResolver,
+    capability,
+    dumpFunction,
     platformLine,
     count
 };
@@ -145,6 +153,8 @@ public:
     Record question(Op op, std::string_view what);
     // The same for a question that need not have been asked: a record without an error then.
     Record questionIfAsked(Op op, std::string_view what);
+    // Whether a question that has no error found nothing out in this work.
+    bool leftOut(Op op) { return questionIfAsked(op, {}).error.value != 0; }
     // What was recorded in this work of this kind for this number, if anything.
     std::optional<Record> takeNumbered(Op op, std::uint64_t number);
     // Throws Mismatch if the daemon did anything that the model did not.

@@ -174,9 +174,12 @@ void World::listenerError(MessageEventKind kind, std::string_view description, s
     model_->listenerError({.kind = kind, .description = std::string(description), .pid = pid, .id = id});
 }
 
-void World::post(std::string_view notification) {
-    device.notifications.post(notification);
-    if (model_) model_->notify(notification);
+void World::post(std::string_view notification, std::chrono::nanoseconds delay) {
+    const auto due = device.scheduler.monotonicNow() + delay;
+    device.scheduler.addMonotonic(due, [this, name = std::string(notification)] { device.notifications.post(name); });
+    modelDevice_.scheduler.addMonotonic(due, [this, name = std::string(notification)] {
+        if (model_) model_->notify(name);
+    });
 }
 
 void World::setPreference(std::string_view domain, std::string_view key, std::optional<PropertyListValue> value) {
@@ -250,6 +253,16 @@ void World::setInternalBuild(bool internal) {
 void World::setSignposts(bool on) {
     device.signposts.setEnabled(on);
     modelDevice_.signposts = on;
+}
+
+void World::setLeewayUse(sim::SimScheduler::LeewayUse use, std::uint64_t seed) {
+    device.scheduler.setLeewayUse(use, seed);
+    modelDevice_.scheduler.setLeewayUse(use, seed);
+}
+
+void World::holdWakeUps(std::chrono::nanoseconds duration) {
+    device.scheduler.holdWakeUps(duration);
+    modelDevice_.scheduler.holdWakeUps(duration);
 }
 
 void World::advance(std::chrono::nanoseconds duration) {

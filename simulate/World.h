@@ -76,7 +76,8 @@ public:
     void die(const Connection& connection);
     void listenerError(MessageEventKind kind, std::string_view description, std::int32_t pid);
 
-    void post(std::string_view notification);
+    // On its way for so long.
+    void post(std::string_view notification, std::chrono::nanoseconds delay = {});
     void setPreference(std::string_view domain, std::string_view key, std::optional<PropertyListValue> value);
     void setProfile(std::optional<PropertyListDictionary> profile);
     Region makeRegion(std::uint32_t version, std::uint32_t slotCount, std::uint64_t length);
@@ -87,6 +88,8 @@ public:
     void setTraceLibrary(bool present, bool withFunction);
     void setInternalBuild(bool internal);
     void setSignposts(bool on);
+    void setLeewayUse(sim::SimScheduler::LeewayUse use, std::uint64_t seed);
+    void holdWakeUps(std::chrono::nanoseconds duration);
 
     // Time moves; then the model has done the same, or Mismatch is thrown.
     void advance(std::chrono::nanoseconds duration);

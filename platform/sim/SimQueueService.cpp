@@ -44,8 +44,7 @@ private:
 
     void arm() {
         if (!started_ || !scheduled_) return;
-        const bool late = scheduler_.leewayUse() == SimScheduler::LeewayUse::full;
-        const Nanoseconds moment = late ? timer::saturatingAdd(due_, schedule_.leeway) : due_;
+        const Nanoseconds moment = timer::saturatingAdd(due_, scheduler_.leewayUsed(due_, schedule_.leeway));
         const std::uint64_t generation = ++generation_;
         armed_ = {moment, scheduler_.addMonotonic(moment, [self = shared_from_this(), generation, moment] {
                       self->fire(generation, moment);

@@ -19,7 +19,7 @@ public:
     void async(Work work) override;
     void asyncAfter(std::chrono::nanoseconds delay, Work work) override;
     void asyncAt(WallTime time, Work work) override;
-    // Fires exactly when due, or at the end of its leeway if the scheduler is set so.
+    // Fires exactly when due, or in its leeway if the scheduler is set so.
     std::unique_ptr<RepeatingTimer> makeTimer(Work handler) override;
     const std::string& label() const override { return label_; }
 

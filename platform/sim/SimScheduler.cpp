@@ -1,5 +1,6 @@
 #include "platform/sim/SimScheduler.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/Check.h"
@@ -46,6 +47,21 @@ void SimScheduler::spend(Nanoseconds duration) {
     wall_ += duration;
 }
 
+SimScheduler::Nanoseconds SimScheduler::leewayUsed(Nanoseconds due, Nanoseconds leeway) const noexcept {
+    using std::chrono::milliseconds;
+    if (leewayUse_ == LeewayUse::none) return Nanoseconds{0};
+    if (leewayUse_ == LeewayUse::full) return leeway;
+    // The due moment alone decides, so that two schedulers of one seed agree whatever else is on each.
+    std::uint64_t mixed = leewaySeed_ + static_cast<std::uint64_t>(due.count()) * 0x9E3779B97F4A7C15u;
+    mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
+    mixed ^= mixed >> 31;
+    const auto choices = static_cast<std::uint64_t>(leeway / milliseconds(1)) + 1;
+    return milliseconds(mixed % choices);
+}
+
+void SimScheduler::holdWakeUps(Nanoseconds duration) { heldUntil_ = std::max(heldUntil_, monotonic_ + duration); }
+
 void SimScheduler::dropEverything() {
     // What pending work held may cancel its timers as it goes: the tables are emptied before anything is destroyed.
     const auto ready = std::exchange(ready_, {});
@@ -82,11 +98,12 @@ std::optional<SimScheduler::Nanoseconds> SimScheduler::untilNextEvent(WallMotion
             timer::saturatingAdd(wallEvents_.begin()->first.due.time_since_epoch(), -wall_.time_since_epoch());
         if (!next || wallStep < *next) next = wallStep;
     }
-    if (next && next->count() < 0) next = Nanoseconds{0};
+    if (next) next = std::max({*next, heldUntil_ - monotonic_, Nanoseconds{0}});
     return next;
 }
 
 void SimScheduler::makeDueReady() {
+    if (monotonic_ < heldUntil_) return;
     for (;;) {
         const auto monotonicEvent = monotonicEvents_.begin();
         const auto wallEvent = wallEvents_.begin();

@@ -28,8 +28,8 @@ public:
     using Nanoseconds = std::chrono::nanoseconds;
     using EventId = std::uint64_t;
 
-    // How much of its leeway a repeating timer uses.
-    enum class LeewayUse { none, full };
+    // How much of its leeway a repeating timer uses; varied: a share that the seed and the due moment decide.
+    enum class LeewayUse { none, full, varied };
 
     static constexpr Nanoseconds kDefaultUptime = std::chrono::seconds(1000);
     // 2026-01-15 12:00:00 UTC.
@@ -56,8 +56,15 @@ public:
 
     void giveMainThread() { mainThreadGiven_ = true; }
     bool mainThreadGiven() const noexcept { return mainThreadGiven_; }
-    void setLeewayUse(LeewayUse use) { leewayUse_ = use; }
-    LeewayUse leewayUse() const noexcept { return leewayUse_; }
+    void setLeewayUse(LeewayUse use, std::uint64_t seed = 0) {
+        leewayUse_ = use;
+        leewaySeed_ = seed;
+    }
+    // How late a firing that is due then comes: whole milliseconds where it varies.
+    Nanoseconds leewayUsed(Nanoseconds due, Nanoseconds leeway) const noexcept;
+    // No moment of either clock wakes anybody for so long: what comes due meanwhile does so at the end, in its order.
+    // Posted work runs as ever. Held already: the later end counts.
+    void holdWakeUps(Nanoseconds duration);
     // Forgets all that is pending, as the end of the process does.
     void dropEverything();
 
@@ -97,6 +104,8 @@ private:
     std::map<Key<Nanoseconds>, Work> monotonicEvents_;
     std::map<Key<WallTime>, Work> wallEvents_;
     LeewayUse leewayUse_ = LeewayUse::none;
+    std::uint64_t leewaySeed_ = 0;
+    Nanoseconds heldUntil_{0};
     bool mainThreadGiven_ = false;
     bool delivering_ = false;
 };

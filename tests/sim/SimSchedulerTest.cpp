@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -143,6 +144,39 @@ TEST_F(SimSchedulerTest, TimersUseTheirLeewayOnlyWhenTold) {
     scheduler.advance(11s);
     // The firing at 15 s was armed before.
     EXPECT_EQ(log, (Order{"timer@15000", "timer@21000"}));
+}
+
+TEST_F(SimSchedulerTest, AVariedLeewayIsTheSameForTheSameSeedAndNeverMoreThanAll) {
+    SimScheduler other;
+    scheduler.setLeewayUse(SimScheduler::LeewayUse::varied, 7);
+    other.setLeewayUse(SimScheduler::LeewayUse::varied, 7);
+    std::set<std::chrono::nanoseconds> seen;
+    for (const std::chrono::seconds due : {1s, 2s, 3s, 4s}) {
+        const auto used = scheduler.leewayUsed(due, 1s);
+        EXPECT_LE(used, 1s);
+        EXPECT_EQ(used % 1ms, 0ms);
+        EXPECT_EQ(used, other.leewayUsed(due, 1s));
+        EXPECT_EQ(scheduler.leewayUsed(due, 0s), 0s);
+        seen.insert(used);
+    }
+    EXPECT_GT(seen.size(), 1u);
+    other.setLeewayUse(SimScheduler::LeewayUse::varied, 8);
+    EXPECT_NE(scheduler.leewayUsed(1s, 1s), other.leewayUsed(1s, 1s));
+}
+
+TEST_F(SimSchedulerTest, WhatComesDueWhileWakeUpsAreHeldComesAtTheEndInItsOrder) {
+    const auto timer = startedTimer({5s, 5s, 1s}, noting("timer"));
+    queue->asyncAt(scheduler.wallNow() + 6s, noting("wall"));
+    queue->asyncAfter(7s, noting("late"));
+    queue->asyncAfter(4s, noting("before"));
+    scheduler.advance(4s);
+    scheduler.holdWakeUps(4s);
+    scheduler.holdWakeUps(1s);
+    scheduler.advance(3s);
+    EXPECT_EQ(log, (Order{"before@4000"}));
+    queue->async(noting("posted"));
+    scheduler.advance(3s);
+    EXPECT_EQ(log, (Order{"before@4000", "posted@7000", "timer@8000", "wall@8000", "late@8000", "timer@10000"}));
 }
 
 TEST_F(SimSchedulerTest, ATimerOfIntervalZeroRepeatsEveryLeeway) {
