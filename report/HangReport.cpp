@@ -104,6 +104,8 @@ private:
         report_.window = contents_.window().value_or(Interval{});
         report_.covered = contents_.covered();
         report_.isHangReport = contents_.window().has_value();
+        report_.asksForNoTime =
+            !report_.isHangReport && contents_.number("asked_begin_ns") && contents_.number("asked_end_ns");
         report_.beganRealtimeNs = contents_.realtimeNs(report_.window.beginNs);
         if (const auto tid = contents_.hungTid()) report_.hung.tid = *tid;
         if (const auto pid = contents_.hungPid()) {

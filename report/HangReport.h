@@ -65,7 +65,8 @@ struct HangReport {
     std::vector<std::pair<std::string, std::string>> missing;  // source, why
     std::vector<std::pair<std::string, std::int64_t>> lost;    // CPU, events; -1: not known how many
     std::string recorder;
-    bool isHangReport = false;  // it has the attributes of one
+    bool isHangReport = false;   // it has the attributes of one
+    bool asksForNoTime = false;  // it has them, and no time lies between begin and end
 
     Reason reason;
     ThreadLabel hung;

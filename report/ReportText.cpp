@@ -70,10 +70,18 @@ void appendRow(std::string& out, std::string left, std::size_t width, const std:
     out += "  " + left + "  " + right + '\n';
 }
 
+void appendMissing(std::string& out, const HangReport& report) {
+    for (const auto& [source, why] : report.missing) {
+        out += "Missing: " + escaped(source) + ": " + escaped(why) + '\n';
+    }
+}
+
 void appendCompleteness(std::string& out, const HangReport& report) {
     out += report.incomplete.empty() ? "File complete\n" : "FILE INCOMPLETE: " + escaped(report.incomplete) + '\n';
     if (!report.isHangReport) {
-        out += "No hang report: the file does not say which time was asked for\n";
+        out += report.asksForNoTime ? "No hang report: no time lies between the begin and the end that were asked for\n"
+                                    : "No hang report: the file does not say which time was asked for\n";
+        appendMissing(out, report);
         return;
     }
     const Interval known = report.window.common(report.covered);
@@ -91,9 +99,7 @@ void appendCompleteness(std::string& out, const HangReport& report) {
         out += "Lost on " + escaped(cpu) + ": " +
                (count < 0 ? std::string("not known how many") : std::to_string(count)) + " events\n";
     }
-    for (const auto& [source, why] : report.missing) {
-        out += "Missing: " + escaped(source) + ": " + escaped(why) + '\n';
-    }
+    appendMissing(out, report);
 }
 
 void appendStack(std::string& out, const HangReport& report) {

@@ -16,6 +16,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "swivex/Descriptor.h"
@@ -91,10 +92,23 @@ pid_t startChild(int& pidfd) {
     return static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
 }
 
+// The kernel may need a moment to end a process.
+constexpr std::chrono::milliseconds kToEnd{100};
+
 // Children that did not die when told to, since they wait in the kernel: looked after at the next dump.
 std::vector<pid_t>& leftBehind() {
     static std::vector<pid_t> pids;
     return pids;
+}
+
+// True: it has ended.
+bool waitForEnd(int pidfd, const Deadline& deadline) {
+    pollfd end{pidfd, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = ::poll(&end, 1, static_cast<int>(deadline.left().count()));
+    } while (ready < 0 && errno == EINTR && !deadline.passed());
+    return ready > 0;
 }
 
 bool reaped(pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG | __WALL) != 0; }
@@ -112,6 +126,8 @@ void finish(std::string_view bytes, std::vector<std::string>& arguments) {
 }  // namespace
 
 std::string readCommandLines(ProcessList& list, const std::string& procFolder, const Deadline& deadline) {
+    static std::mutex oneAtATime;
+    const std::lock_guard lock(oneAtATime);
     std::erase_if(leftBehind(), reaped);
     // One that hangs says enough; more of them would pile up.
     if (!leftBehind().empty()) return "a reader of command lines still waits for one of an earlier dump";
@@ -134,13 +150,11 @@ std::string readCommandLines(ProcessList& list, const std::string& procFolder, c
         ::_exit(0);
     }
     const Descriptor pidfd(pidfdNumber);
-    pollfd end{pidfd.get(), POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = ::poll(&end, 1, static_cast<int>(deadline.left().count()));
-    } while (ready < 0 && errno == EINTR && !deadline.passed());
-    const bool inTime = ready > 0;
-    if (!inTime) ::kill(child, SIGKILL);
+    const bool inTime = waitForEnd(pidfd.get(), deadline);
+    if (!inTime) {
+        ::kill(child, SIGKILL);
+        waitForEnd(pidfd.get(), Deadline::in(kToEnd));
+    }
     if (!reaped(child)) leftBehind().push_back(child);
 
     const std::uint32_t done = memory.get()->done.load(std::memory_order_acquire);

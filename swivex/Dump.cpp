@@ -154,18 +154,25 @@ private:
         attributes_.set("hung_pid", std::int64_t{reason_.pid});
         const auto& all = processes_.processes;
         const auto found = std::ranges::find(all, reason_.pid, &ProcessEntry::pid);
+        const std::string process = "process " + std::to_string(reason_.pid);
         if (found == all.end()) {
-            attributes_.missing("hung_process", "process " + std::to_string(reason_.pid) + " is gone");
-            hungThread_ = reason_.pid;
+            const bool isGone = processes_.problem.empty();
+            attributes_.missing("hung_process", process + (isGone ? " is gone" : " was not looked at"));
         } else {
             hungName_ = found->name;
             hungThread_ = hostThread(*found, reason_.threadID);
-            if (hungThread_ == 0) {
-                attributes_.missing("hung_thread", "process " + std::to_string(reason_.pid) + " has no thread " +
-                                                       std::to_string(reason_.threadID) +
-                                                       ": its first thread is taken");
-                hungThread_ = reason_.pid;
+        }
+        // It may have ended since its stack was taken.
+        const auto named = static_cast<pid_t>(reason_.threadID);
+        if (hungThread_ == 0 && named == reason_.threadID && stateAtCapture_.contains(named)) hungThread_ = named;
+        if (hungThread_ == 0) {
+            hungThread_ = reason_.pid;
+            if (reason_.threadID != reason_.pid) {
+                attributes_.missing("hung_thread", "thread " + std::to_string(reason_.threadID) + " of " + process +
+                                                       " was not found: its first thread is taken");
             }
+        }
+        if (found != all.end()) {
             const auto thread = std::ranges::find(found->threads, hungThread_, &ThreadEntry::tid);
             if (thread != found->threads.end()) hungThreadName_ = thread->name;
         }

@@ -184,6 +184,15 @@ TEST(HangReport, AFileWithoutAWindowIsNone) {
     EXPECT_FALSE(read(empty).isHangReport);
 }
 
+TEST(HangReport, AFileForWhichNoTimeWasAskedSaysThatAndWhatItLacks) {
+    TraceEncoder trace;
+    trace.hang(0, 0, 1, 1).text("missing.window", "no interval").attributes();
+    const std::string text = reportText(read(trace));
+    EXPECT_THAT(text, HasSubstr("no time lies between"));
+    EXPECT_THAT(text, HasSubstr("Missing: window: no interval\n"));
+    EXPECT_THAT(reportText(read(TraceEncoder().process(1, "x"))), HasSubstr("does not say which time was asked for"));
+}
+
 TEST(HangReport, ASwitchClampedToTheWindowCountsAtItsTrueTime) {
     // The thread left CPU 1 long before the window and came to CPU 0 after that; both stand at the window's begin.
     TraceEncoder trace;

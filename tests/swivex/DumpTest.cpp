@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 
 #include <chrono>
+#include <future>
+#include <thread>
 
 #include "report/TraceContents.h"
 #include "tests/support/ChildProcess.h"
@@ -171,6 +173,32 @@ TEST_F(DumpWithoutRecorder, ProcessThatIsGoneIsSaid) {
     ASSERT_TRUE(file.written);
     EXPECT_NE(file.attribute.at("missing.hung_process"), "");
     EXPECT_NE(file.attribute.at("missing.stacks"), "");
+}
+
+TEST_F(DumpWithoutRecorder, ProcessThatThereWasNoTimeToLookAtIsNotCalledGone) {
+    settings.budget = std::chrono::milliseconds(0);
+    const std::string reason = reasonOf(getpid(), getpid());
+    const DumpedFile file({.reason = reason, .minTicks = 1, .maxTicks = now}, settings);
+    EXPECT_EQ(file.attribute.at("missing.hung_process").find("gone"), std::string::npos);
+}
+
+TEST_F(DumpWithoutRecorder, ThreadThatEndedSinceItsStackWasTakenIsTheHungOne) {
+    std::promise<pid_t> tid;
+    std::promise<void> end;
+    std::thread thread([&] {
+        tid.set_value(gettid());
+        end.get_future().wait();
+    });
+    const std::string id = std::to_string(tid.get_future().get());
+    // Where processes are listed it is gone already.
+    const TemporaryFolder proc;
+    settings.procFolder = proc.path();
+    const std::string reason = reasonOf(getpid(), std::stol(id));
+    const DumpedFile file({.reason = reason, .minTicks = 1, .maxTicks = now}, settings);
+    end.set_value();
+    thread.join();
+    EXPECT_EQ(file.attribute.at("hung_tid"), id);
+    EXPECT_FALSE(file.attribute.contains("missing.hung_thread"));
 }
 
 TEST_F(DumpWithoutRecorder, ThreadThatIsNoneOfTheProcessIsSaid) {

@@ -144,6 +144,24 @@ TEST(CommandLines, OneThatNeverComesHoldsNobodyUp) {
     EXPECT_EQ(errno, ECHILD);
 }
 
+TEST(CommandLines, ReaderThatHadToBeEndedIsNoChildAnyMore) {
+    ProcFolder proc;
+    proc.process(10, "ten");
+    ASSERT_EQ(mkfifo(proc.path("10/cmdline").c_str(), 0600), 0);
+    ProcessList list = listProcesses(proc.path(), 0, kLater);
+    const auto hasChild = [] {
+        siginfo_t information{};
+        return waitid(P_ALL, 0, &information, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0;
+    };
+    // The kernel may be late now and then.
+    bool left = true;
+    for (int attempt = 0; left && attempt < 20; ++attempt) {
+        EXPECT_NE(readCommandLines(list, proc.path(), Deadline::in(std::chrono::milliseconds(20))), "");
+        left = hasChild();
+    }
+    EXPECT_FALSE(left);
+}
+
 TEST(ProcessPackets, EveryProcessAndThreadStandsOnceAcrossPackets) {
     ProcessList list;
     for (int pid = 1; pid <= 30; ++pid) {

@@ -41,8 +41,9 @@ int read_thread(struct bpf_iter__task* context) {
 
     /* Read here, and not by each way to its use: the kernel searches all its types at each such read that it checks. */
     asm volatile("" : "+r"(seq));
+    /* With the first thread already: who wants no more of them does not come to the end of the walk. */
+    kernel_text_start = (swivex_u64)&_stext;
     if (!task) {
-        kernel_text_start = (swivex_u64)&_stext;
         if (symbol_addresses[0]) name_addresses();
         return 0;
     }
