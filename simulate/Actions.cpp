@@ -481,7 +481,8 @@ void Fleet::processes(Dice& dice) {
 }
 
 void Fleet::fault(Dice& dice) {
-    enum : unsigned { kFails = 1, kShort = 2, kSlow = 4 };
+    // Rare: the daemon does without for the rest of its life, and less is seen of everything else.
+    enum : unsigned { kFails = 1, kShort = 2, kSlow = 4, kRare = 8 };
     struct Kind {
         Op op;
         unsigned ways;
@@ -500,17 +501,17 @@ void Fleet::fault(Dice& dice) {
                                       {Op::dump, kFails | kShort | kSlow},
                                       {Op::dump, kFails | kShort | kSlow},
                                       {Op::dump, kFails | kShort | kSlow},
-                                      {Op::libraryOpen, kFails},
-                                      {Op::dumpFunction, kFails},
+                                      {Op::libraryOpen, kFails | kRare},
+                                      {Op::dumpFunction, kFails | kRare},
                                       {Op::serialise, kFails | kSlow},
                                       {Op::makeText, kFails | kSlow},
                                       {Op::readProfile, kFails | kSlow},
                                       {Op::readPreference, kFails | kSlow},
                                       {Op::readPreference, kFails | kSlow},
                                       {Op::synchronise, kFails | kSlow},
-                                      {Op::capability, kFails},
-                                      {Op::makeListener, kFails},
-                                      {Op::registerHandler, kFails | kShort},
+                                      {Op::capability, kFails | kRare},
+                                      {Op::makeListener, kFails | kRare},
+                                      {Op::registerHandler, kFails | kShort | kRare},
                                       {Op::regionMap, kFails},
                                       {Op::regionFault, kFails},
                                       {Op::executablePath, kFails | kSlow},
@@ -531,7 +532,9 @@ void Fleet::fault(Dice& dice) {
                                       {Op::hudMessage, kSlow},
                                       {Op::powerEvent, kSlow},
                                       {Op::logLine, kSlow}};
-    const Kind kind = kKinds[dice.below(std::size(kKinds))];
+    Kind kind{};
+    do kind = kKinds[dice.below(std::size(kKinds))];
+    while ((kind.ways & kRare) && !dice.oneIn(8));
     unsigned way = 0;
     do way = 1u << dice.below(3);
     while (!(kind.ways & way));

@@ -401,10 +401,10 @@ void Model::powerLog(Activation& record) {
         const auto unique = static_cast<Number>(uniqueID(pid, name));
         const std::string entry = print("\"%llu\":{\"Timestamp\":%s,\"UniqueID\":%llu,\"ProcessName\":\"%s\"}", unique,
                                         timestamp.c_str(), unique, name.c_str());
-        // The events' map holds a unique identifier once.
-        for (const auto& known : processes) {
-            if (known.second == entry) return;
-        }
+        // The events' map holds a unique identifier once, with the last name: pid -1, which a client may give its
+        // activation, has the one of "OtherProcesses" whatever its name.
+        const std::string key = print("\"%llu\":", unique);
+        std::erase_if(processes, [&](const auto& known) { return known.second.starts_with(key); });
         processes.emplace_back(0, entry);
     };
     if (record.statistics & 1) {
