@@ -17,9 +17,9 @@ protected:
     void store() {
         linuxos::CounterDatabase database(folder.path());
         linuxos::CounterBatch batch;
-        ASSERT_FALSE(batch.push("com.norvane.quorvix.main.Mail", 6000));
-        ASSERT_FALSE(batch.push("com.norvane.quorvix.main.Mail", 9000));
-        ASSERT_FALSE(batch.push("com.norvane.quorvix.scroll.Maps\x1b[2J", 100));
+        ASSERT_FALSE(batch.push("com.norvane.quorvix.main.Mail", "Mail", 6000));
+        ASSERT_FALSE(batch.push("com.norvane.quorvix.main.Mail", "Mail", 9000));
+        ASSERT_FALSE(batch.push("com.norvane.quorvix.scroll.Maps\x1b[2J", "Maps\x1b[2J", 100));
         ASSERT_FALSE(batch.add("com.norvane.quorvix.QXLogsFenceHang.PreSwivex", 3));
         linuxos::CounterRefusals refusals;
         ASSERT_EQ(database.write(batch, WallTime{}, refusals), std::nullopt);
