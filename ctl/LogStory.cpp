@@ -129,6 +129,7 @@ std::vector<LogLine> storyOf(const std::string& app, std::vector<LogLine> lines)
     // The line that says whose number it is comes after the first that has the number.
     Connections connections(app);
     std::vector<std::vector<std::size_t>> connectionsOf;
+    connectionsOf.reserve(lines.size());
     for (const LogLine& line : lines) connectionsOf.push_back(connections.of(line));
     for (std::size_t index = 0; index < lines.size(); ++index) {
         const bool byName = findWord(lines[index].message, app) != std::string::npos;
