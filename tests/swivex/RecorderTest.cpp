@@ -5,6 +5,8 @@
 #include <sys/mount.h>
 #include <sys/wait.h>
 
+#include <map>
+#include <memory>
 #include <thread>
 
 #include "swivex/FlightRecorder.h"
