@@ -51,7 +51,7 @@ private:
     const PowerLogStoreOptions options_;
     const LogHandle log_;
 
-    std::timed_mutex mutex_;  // guards what follows, and is held across disk accesses
+    std::mutex mutex_;  // guards what follows, and is held across disk accesses
     PowerLogDatabase database_;
     PowerLogActivation pending_;
     std::uint64_t pendingEvents_ = 0;
