@@ -5,10 +5,12 @@ import json
 import os
 import pathlib
 import re
+import select
 import shutil
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
 import traceback
@@ -24,6 +26,7 @@ TMP = CACHES / "tmp"
 SPOOL = CACHES / "spool"
 PREFERENCES = pathlib.Path("/var/mobile/Library/Preferences")
 TRACE_LIBRARY = pathlib.Path("/usr/lib/libswivex.dylib")
+PIPE_BYTES = 1 << 16  # that a pipe holds at most, if nobody asked for more
 SANITIZER_SIGNS = ("ERROR: AddressSanitizer", "runtime error:", "ERROR: LeakSanitizer", "ThreadSanitizer")
 # What app activations take at the first one and keep: two queues, a notification, the process table.
 TRACKER_QUEUE = "com.norvane.quorvix.perfstats.activationqueue"
@@ -55,6 +58,8 @@ def ctl(*arguments, check=True):
 class Daemon:
     """One quorvixd. Its log comes on standard error, since there is no journal here."""
 
+    LINES_KEPT = sys.maxsize
+
     def __init__(self, prefix=(), **options):
         self.lines = []
         self.times = []  # when each line came, monotonic seconds
@@ -67,20 +72,40 @@ class Daemon:
         environment.pop("JOURNAL_STREAM", None)
         self.process = subprocess.Popen([*prefix, str(BUILD / "bin/quorvixd")], stderr=subprocess.PIPE,
                                         stdin=subprocess.DEVNULL, env=environment, **options)
+        self.unfinished = b""  # the beginning of a line whose end has not come
+        os.set_blocking(self.process.stderr.fileno(), False)
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
 
     def _read(self):
-        for line in self.process.stderr:
-            with self.lock:
-                self.times.append(time.monotonic())
-                self.lines.append(line.decode(errors="surrogateescape").rstrip("\n"))
+        """Keeps its pipe empty until it ends."""
+        said = select.poll()
+        said.register(self.process.stderr, select.POLLIN)
+        while self._take():
+            said.poll()
+
+    def _take(self):
+        """Takes what it has said so far, with one read of all that a pipe can hold; false at the end."""
+        with self.lock:
+            try:
+                said = os.read(self.process.stderr.fileno(), PIPE_BYTES)
+            except BlockingIOError:
+                return True
+            *lines, self.unfinished = (self.unfinished + said).split(b"\n")
+            self.times += [time.monotonic()] * len(lines)
+            self.lines += [line.decode(errors="surrogateescape") for line in lines]
+            if len(self.lines) > 2 * self.LINES_KEPT:
+                del self.lines[:-self.LINES_KEPT], self.times[:-self.LINES_KEPT]
+            return bool(said)
 
     def wait_ready(self, seconds=30):
         self.ready.settimeout(seconds)
         assert b"READY=1" in self.ready.recv(4096)
 
     def log(self):
+        """All that it has said until now: what it said before an answer is there when the answer is."""
+        if self.reader.is_alive():
+            self._take()
         with self.lock:
             return list(self.lines)
 
