@@ -94,6 +94,17 @@ struct Store {
 constexpr Store kStores[] = {{"/var/lib/quorvix/tallisk.db", 1},
                              {"/var/lib/quorvix/wattrel.db", linuxos::kPowerLogSchemaVersion}};
 
+// Throws what a failed read, or a database that is not whole, is.
+Finding examineDatabase(const std::string& file, const Store& store) {
+    linuxos::SqliteDatabase database(file, linuxos::SqliteDatabase::kBusyTimeout, linuxos::SqliteAccess::readOnly);
+    if (database.number("PRAGMA user_version") > store.version) {
+        return {Kind::notice, "stores", std::string(store.path) + " was written by a later quorvixd",
+                "upgrade quorvixd: this one moves the store aside and begins a new one"};
+    }
+    database.requireWhole();
+    return {Kind::good, "stores", std::string(store.path) + " is whole", ""};
+}
+
 Finding examineStore(const std::string& root, const Store& store) {
     const std::string path = store.path;
     struct stat status {};
@@ -110,21 +121,20 @@ Finding examineStore(const std::string& root, const Store& store) {
                     std::to_string(status.st_uid) + ": others can read it",
                 "chown root:root " + path + " && chmod 0600 " + path};
     }
-    try {
-        linuxos::SqliteDatabase database(root + path, linuxos::SqliteDatabase::kBusyTimeout,
-                                         linuxos::SqliteAccess::readOnly);
-        const std::int64_t version = database.number("PRAGMA user_version");
-        if (version > store.version) {
-            return {Kind::notice, "stores", path + " was written by a later quorvixd",
-                    "upgrade quorvixd: this one moves the store aside and begins a new one"};
+    // Asked as quorvixd asks, so that nothing is called damaged here that it goes on with.
+    for (int number = 1;; ++number) {
+        try {
+            return examineDatabase(root + path, store);
+        } catch (const linuxos::SqliteError& error) {
+            const auto answer = linuxos::answerTo(error, number, root + path);
+            if (answer == linuxos::SqliteAnswer::tryAgain) continue;
+            const bool damaged = answer == linuxos::SqliteAnswer::moveAside;
+            return {Kind::problem, "stores",
+                    path + (damaged ? " is damaged: " : " cannot be read: ") + printable(error.what()),
+                    damaged ? "systemctl restart quorvixd, which moves it aside and begins a new one"
+                            : "ask again, and look into the kernel's log for errors of the disk"};
         }
-        const std::string check = database.text("PRAGMA quick_check(1)");
-        if (check != "ok") throw std::runtime_error(check);
-    } catch (const std::runtime_error& error) {
-        return {Kind::problem, "stores", path + " is damaged: " + printable(error.what()),
-                "systemctl restart quorvixd, which moves it aside and begins a new one"};
     }
-    return {Kind::good, "stores", path + " is whole", ""};
 }
 
 // One of the three things that quorvixd is for.

@@ -1,6 +1,5 @@
 #include "platform/linux/CounterDatabase.h"
 
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <array>
@@ -167,8 +166,7 @@ void CounterDatabase::connect() {
 }
 
 void CounterDatabase::prepareSchema() {
-    if (database_->text("PRAGMA quick_check(1)") != "ok")
-        throw SqliteError(SQLITE_CORRUPT, "the counter database is damaged");
+    database_->requireWhole();
     if (database_->number("PRAGMA user_version") == 0) database_->execute(schemaSql().c_str());
     migrateStore(*database_, kMigrations);
 }

@@ -149,7 +149,7 @@ void PowerLogDatabase::openIfNeeded() {
         moveAside(".newer");
         connect();
     }
-    if (database_->text("PRAGMA quick_check(1)") != "ok") throw SqliteError(SQLITE_CORRUPT, "the power log is damaged");
+    database_->requireWhole();
     if (database_->number("PRAGMA user_version") == 0) database_->execute(powerLogSchemaSql().c_str());
     migrateStore(*database_, powerLogMigrations());
     prepareInserts();

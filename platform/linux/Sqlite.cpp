@@ -83,6 +83,11 @@ std::string SqliteDatabase::text(const char* sql) {
     return statement.step() ? std::string(statement.bytes(0)) : std::string();
 }
 
+void SqliteDatabase::requireWhole() {
+    const std::string found = text("PRAGMA quick_check(1)");
+    if (found != "ok") throw SqliteError(SQLITE_CORRUPT, found);
+}
+
 bool SqliteDatabase::fileHasMoved() {
     int moved = 0;
     const int code = sqlite3_file_control(handle_, "main", SQLITE_FCNTL_HAS_MOVED, &moved);

@@ -53,6 +53,8 @@ public:
     // First column of the first row; 0 without one.
     std::int64_t number(const char* sql);
     std::string text(const char* sql);
+    // Throws as damage what SQLite's quick check finds first.
+    void requireWhole();
     // The file was unlinked or renamed under the open connection.
     bool fileHasMoved();
     // From here on no commit carries the write-ahead journal over into the file, and journalPages() tells how much the

@@ -6,7 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include "ctl/Diagnosis.h"
+#include "platform/linux/Sqlite.h"
 #include "tests/ctl/Tool.h"
+#include "tests/support/FailingRead.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace quorvix::ctl {
@@ -35,6 +37,12 @@ protected:
         if (geteuid() != 0) GTEST_SKIP() << "the folders must be root's";
     }
     std::string at(const std::string& path) const { return folder.path() + path; }
+    // A database of more than one page.
+    static void makeStore(const std::string& path) {
+        linuxos::makeDatabaseFile(path);
+        linuxos::SqliteDatabase(path).execute(
+            "CREATE TABLE Rows(Content); INSERT INTO Rows VALUES (zeroblob(3000)), (zeroblob(3000)), (zeroblob(3000))");
+    }
     void makeFolder(const std::string& path, mode_t mode) const {
         fs::create_directories(at(path));
         chmod(at(path).c_str(), mode);
@@ -81,6 +89,32 @@ TEST_F(Doctor, ADamagedStoreIsAProblem) {
     tests::writeWholeFile(at("/var/lib/quorvix/wattrel.db"), std::string(5000, 'x'));
     chmod(at("/var/lib/quorvix/wattrel.db").c_str(), 0600);
     EXPECT_THAT(complaints(examineStores(tool.services)), testing::ElementsAre(HasSubstr("is damaged")));
+}
+
+TEST_F(Doctor, AStoreOfWhichPartIsLostIsAProblem) {
+    makeStore(at("/var/lib/quorvix/tallisk.db"));
+    std::filesystem::resize_file(at("/var/lib/quorvix/tallisk.db"), 4096);
+    EXPECT_THAT(complaints(examineStores(tool.services)), testing::ElementsAre(HasSubstr("tallisk.db is damaged: ")));
+}
+
+TEST_F(Doctor, AStoreIsNotDamagedBecauseOneReadFailed) {
+    makeStore(at("/var/lib/quorvix/tallisk.db"));
+    int reads = 0;
+    for (bool struck = true; struck; ++reads) {
+        const tests::FailingRead failing(reads + 1);
+        EXPECT_THAT(complaints(examineStores(tool.services)), testing::Not(testing::Contains(HasSubstr("damaged"))))
+            << reads;
+        struck = tests::FailingRead::struck();
+    }
+    EXPECT_GT(reads, 2);
+}
+
+TEST_F(Doctor, AStoreThatSomebodyHoldsCannotBeReadAndIsNotDamaged) {
+    makeStore(at("/var/lib/quorvix/tallisk.db"));
+    linuxos::SqliteDatabase holder(at("/var/lib/quorvix/tallisk.db"));
+    holder.execute("BEGIN EXCLUSIVE");
+    EXPECT_THAT(complaints(examineStores(tool.services)),
+                testing::ElementsAre(HasSubstr("tallisk.db cannot be read: database is locked")));
 }
 
 TEST_F(Doctor, AStoreThatWasMovedAsideIsWorthKnowing) {

@@ -5,8 +5,11 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <latch>
 #include <limits>
 #include <string>
+#include <thread>
 
 #include "platform/linux/Json.h"
 #include "platform/linux/Sqlite.h"
@@ -29,7 +32,11 @@ protected:
     static PowerLogStoreOptions optionsFor(PowerLogStoreTest& test) {
         return {.folder = test.folder_.path(),
                 .limits = {.busyTimeout = milliseconds(20)},
-                .wallNow = [&test] { return test.wall_; },
+                .wallNow =
+                    [&test] {
+                        if (test.whileStoring_) test.whileStoring_();
+                        return test.wall_;
+                    },
                 .now = [&test] { return test.now_; }};
     }
     std::string path(const std::string& suffix = "") const { return folder_.path("wattrel.db" + suffix); }
@@ -47,6 +54,7 @@ protected:
 
     tests::TemporaryFolder folder_;
     tests::RecordingLog log_;
+    std::function<void()> whileStoring_;
     WallTime wall_{seconds(1700000000)};
     std::chrono::steady_clock::time_point now_{hours(1)};
     PowerLogStore store_{log_, optionsFor(*this)};
@@ -111,6 +119,24 @@ TEST_F(PowerLogStoreTest, FlushStoresWhatWasGathered) {
     store_.sendEvent(kActivationCategory, "ActivationData", PowerLogEvents{}.activationData());
     EXPECT_TRUE(store_.flush(milliseconds(100)));
     EXPECT_EQ(activations(), 1);
+}
+
+TEST_F(PowerLogStoreTest, FlushGivesUpWhileTheDiskHoldsAnotherWriteUp) {
+    std::latch storing(1);
+    std::latch held(1);
+    whileStoring_ = [&] {
+        storing.count_down();
+        held.wait();
+    };
+    std::thread writer([this] { PowerLogEvents{}.sendTo(store_); });
+    storing.wait();
+    EXPECT_FALSE(store_.flush(milliseconds(0)));
+    EXPECT_FALSE(store_.flush(milliseconds(20)));
+    std::thread patient([this] { EXPECT_TRUE(store_.flush(hours(1))); });
+    held.count_down();
+    patient.join();
+    EXPECT_EQ(activations(), 1);
+    writer.join();
 }
 
 TEST_F(PowerLogStoreTest, EmptyDictionariesAreNoRows) {
