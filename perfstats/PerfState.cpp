@@ -8,16 +8,16 @@ namespace quorvix {
 namespace {
 
 // Never destroyed: the process ends without running destructors beside live threads.
-std::unique_ptr<PerfState>& holder() {
+std::unique_ptr<PerfState>& perfStateHolder() {
     static auto* const state = new std::unique_ptr<PerfState>(std::make_unique<PerfState>());
     return *state;
 }
 
 }  // namespace
 
-PerfState& perfState() { return *holder(); }
+PerfState& perfState() { return *perfStateHolder(); }
 
-void resetPerfState() { holder() = std::make_unique<PerfState>(); }
+void resetPerfState() { perfStateHolder() = std::make_unique<PerfState>(); }
 
 bool SnapshotMemory::reserve(std::size_t bytes) noexcept {
     const std::uint64_t failAt = failAt_;

@@ -10,16 +10,16 @@ namespace {
 constexpr std::string_view kSubsystem = "com.norvane.quorvix";
 
 // Never destroyed: the process ends without running destructors beside live threads.
-std::unique_ptr<ServiceState>& holder() {
+std::unique_ptr<ServiceState>& serviceStateHolder() {
     static auto* const state = new std::unique_ptr<ServiceState>(std::make_unique<ServiceState>());
     return *state;
 }
 
 }  // namespace
 
-ServiceState& serviceState() { return *holder(); }
+ServiceState& serviceState() { return *serviceStateHolder(); }
 
-void resetServiceState() { holder() = std::make_unique<ServiceState>(); }
+void resetServiceState() { serviceStateHolder() = std::make_unique<ServiceState>(); }
 
 Settings& settings() { return serviceState().settings; }
 
