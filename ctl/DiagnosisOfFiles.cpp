@@ -4,6 +4,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <optional>
@@ -13,6 +14,7 @@
 #include "ctl/PreferenceOrigin.h"
 #include "ctl/PreferenceText.h"
 #include "platform/Result.h"
+#include "platform/linux/PowerLogDatabase.h"
 #include "platform/linux/PowerLogSchema.h"
 #include "platform/linux/PropertyListReader.h"
 #include "platform/linux/Sqlite.h"
@@ -23,7 +25,6 @@ namespace {
 
 using Kind = Finding::Kind;
 
-constexpr const char* kMakeFolders = "systemd-tmpfiles --create quorvixd.conf (without systemd: install -d)";
 constexpr const char* kReports = "/var/root/Library/Caches/quorvixd";
 constexpr std::uint64_t kLittleSpace = std::uint64_t{64} << 20;
 
@@ -51,16 +52,20 @@ constexpr Folder kFolders[] = {
     {"/Library/Logs/Faultbox", 0700},
 };
 
+std::string howToMake(const Folder& folder) {
+    return "systemd-tmpfiles --create quorvixd.conf (without systemd: install -d -m " + octal(folder.mostMode) + " " +
+           folder.path + ")";
+}
+
 std::optional<Finding> examineFolder(const std::string& root, const Folder& folder) {
     struct stat status {};
     const std::string path = folder.path;
     if (stat((root + path).c_str(), &status) != 0) {
-        if (errno == ENOENT) return Finding{Kind::problem, "folders", path + " is missing", kMakeFolders};
+        if (errno == ENOENT) return Finding{Kind::problem, "folders", path + " is missing", howToMake(folder)};
         return Finding{Kind::problem, "folders", path + ": " + ErrorCode{errno}.text(), "run this as root"};
     }
     if (!S_ISDIR(status.st_mode)) {
-        return Finding{Kind::problem, "folders", path + " is no folder",
-                       "move it away; then " + std::string(kMakeFolders)};
+        return Finding{Kind::problem, "folders", path + " is no folder", "move it away; then " + howToMake(folder)};
     }
     if (status.st_uid != 0) {
         return Finding{Kind::problem, "folders",
@@ -86,13 +91,18 @@ std::optional<Finding> examineSpace(const std::string& path) {
                    "remove old reports from " + std::string(kReports) + "/spool, or make room on that file system"};
 }
 
+constexpr const char* kState = "/var/lib/quorvix";
+
 struct Store {
     const char* path;
     std::int64_t version;
+    // Files moved aside of a kind, past which the next is not stored at all. 0: the next takes the place of the last.
+    std::size_t mostAside;
 };
 
-constexpr Store kStores[] = {{"/var/lib/quorvix/tallisk.db", 1},
-                             {"/var/lib/quorvix/wattrel.db", linuxos::kPowerLogSchemaVersion}};
+constexpr Store kStores[] = {
+    {"/var/lib/quorvix/tallisk.db", 1, 0},
+    {"/var/lib/quorvix/wattrel.db", linuxos::kPowerLogSchemaVersion, linuxos::PowerLogDatabase::kMaximumMovedAside}};
 
 // Throws what a failed read, or a database that is not whole, is.
 Finding examineDatabase(const std::string& file, const Store& store) {
@@ -137,6 +147,34 @@ Finding examineStore(const std::string& root, const Store& store) {
     }
 }
 
+// The databases that quorvixd moved aside as damaged, or as a later version's. Their journals are left out.
+std::vector<std::string> movedAside(const std::string& root, const std::string& beginning) {
+    std::vector<std::string> paths;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(root + kState, ignored)) {
+        const std::string path = std::string(kState) + "/" + entry.path().filename().string();
+        if (path.starts_with(beginning) && !path.ends_with("-wal") && !path.ends_with("-shm")) paths.push_back(path);
+    }
+    std::ranges::sort(paths);
+    return paths;
+}
+
+void examineAside(const std::string& root, const Store& store, Findings& found) {
+    for (const char* suffix : {".damaged", ".newer"}) {
+        const std::vector<std::string> paths = movedAside(root, std::string(store.path) + suffix);
+        for (const std::string& path : paths) {
+            found.push_back({Kind::notice, "stores", printable(path) + " was moved aside once",
+                             "look into it with sqlite3, or remove it"});
+        }
+        if (store.mostAside != 0 && paths.size() >= store.mostAside) {
+            found.push_back({Kind::problem, "stores",
+                             std::to_string(paths.size()) + " files " + store.path + suffix +
+                                 "-N were moved aside: there is no place for the next, and nothing would be stored",
+                             "remove some of them"});
+        }
+    }
+}
+
 // One of the three things that quorvixd is for.
 struct Source {
     std::string_view key;
@@ -162,13 +200,7 @@ Findings examineStores(const ToolServices& services) {
     Findings found;
     for (const Store& store : kStores) {
         found.push_back(examineStore(services.root, store));
-        for (const char* suffix : {".damaged", ".newer"}) {
-            const std::string aside = std::string(store.path) + suffix;
-            std::error_code ignored;
-            if (!std::filesystem::exists(services.root + aside, ignored)) continue;
-            found.push_back(
-                {Kind::notice, "stores", aside + " was moved aside once", "look into it with sqlite3, or remove it"});
-        }
+        examineAside(services.root, store, found);
     }
     return found;
 }

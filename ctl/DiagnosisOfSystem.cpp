@@ -189,7 +189,7 @@ Findings examineInhibitors(const ToolServices& services) {
     const std::string folder = services.root + "/run/systemd/inhibit";
     if (!exists(folder)) {
         return {{Kind::notice, "inhibitors", "no login manager keeps inhibitors in /run/systemd/inhibit",
-                 "assertions come from /run/vex/assertions alone (docs/memory-report.md)"}};
+                 "assertions come from /run/vex/assertions alone (/usr/share/doc/quorvixd/memory-report.md)"}};
     }
     if (access(folder.c_str(), R_OK | X_OK) != 0) {
         return {{Kind::problem, "inhibitors", "/run/systemd/inhibit can't be read: " + ErrorCode{errno}.text(),

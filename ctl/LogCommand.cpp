@@ -43,6 +43,7 @@ public:
         lines_.push_back(std::move(*line));
         if (lines_.size() > kMostLines) lines_.pop_front();
     }
+    bool empty() const { return lines_.empty(); }
     std::vector<LogLine> take() {
         return {std::make_move_iterator(lines_.begin()), std::make_move_iterator(lines_.end())};
     }
@@ -89,8 +90,15 @@ bool readLog(const LogRequest& request, const ToolServices& services, Collector&
     const Progress progress(services, "Reading the journal");
     const auto end = runProgram(journalCommand(services.journalProgram, request.since),
                                 [&](std::string_view line) { lines.add(logLineOfJournal(line)); });
-    if (end && end->status == 0) return true;
-    if (!end && readFile(services.logFile, lines)) return true;
+    const bool read = end && end->status == 0;
+    if (read && !lines.empty()) return true;
+    // journalctl is there, and silent, on systems without a journal too.
+    if ((read || !end) && readFile(services.logFile, lines)) return true;
+    if (read && services.isRoot) return true;
+    if (read) {
+        services.error << "quorvixctl: this user sees nothing of quorvixd in the journal: run this as root\n";
+        return false;
+    }
     services.error << "quorvixctl: the journal can't be read ("
                    << (end ? services.journalProgram + " ended with " + std::to_string(end->status)
                            : services.journalProgram + ": " + end.error().text())

@@ -46,6 +46,8 @@ struct ToolServices {
     std::string logLevelFolder = "/etc/vex";
     // Where the whole file system is, for the commands that look at an installation.
     std::string root = {};
+    // Whether all of the journal may be read.
+    bool isRoot = true;
     // Whether ids of processes are here the kernel's own: not so in a container.
     bool seesTheKernelsIds = true;
     // Whether the output may be coloured, and whether somebody sits at standard error who wants to know what lasts.

@@ -81,6 +81,7 @@ int run(int argumentCount, char** arguments) {
         .out = std::cout,
         .error = std::cerr,
         .startDaemon = startDaemon,
+        .isRoot = geteuid() == 0,
         .seesTheKernelsIds = linuxos::seesTheKernelsIds(),
         .colours = coloursWanted(STDOUT_FILENO),
         .progress = coloursWanted(STDERR_FILENO)};

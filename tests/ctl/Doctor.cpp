@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ctl/Diagnosis.h"
+#include "platform/linux/PowerLogDatabase.h"
 #include "platform/linux/Sqlite.h"
 #include "tests/ctl/Tool.h"
 #include "tests/support/FailingRead.h"
@@ -121,6 +122,25 @@ TEST_F(Doctor, AStoreThatWasMovedAsideIsWorthKnowing) {
     tests::writeWholeFile(at("/var/lib/quorvix/tallisk.db.damaged"), "");
     EXPECT_THAT(complaints(examineStores(tool.services), Finding::Kind::notice),
                 testing::ElementsAre(HasSubstr("was moved aside once")));
+}
+
+TEST_F(Doctor, PowerLogsThatWereMovedAsideAreAProblemOnceThereIsNoPlaceForTheNext) {
+    const int most = linuxos::PowerLogDatabase::kMaximumMovedAside;
+    for (int number = 1; number <= most; ++number) {
+        EXPECT_THAT(complaints(examineStores(tool.services)), IsEmpty()) << number;
+        const std::string aside = at("/var/lib/quorvix/wattrel.db.newer-" + std::to_string(number));
+        tests::writeWholeFile(aside, "");
+        tests::writeWholeFile(aside + "-wal", "");
+        EXPECT_THAT(complaints(examineStores(tool.services), Finding::Kind::notice), testing::SizeIs(number));
+    }
+    EXPECT_THAT(complaints(examineStores(tool.services)), testing::ElementsAre(HasSubstr("8 files ")));
+}
+
+TEST_F(Doctor, AMissingFolderIsToBeMadeClosedToOthers) {
+    std::filesystem::remove(at("/var/lib/quorvix"));
+    const Findings found = examineFolders(tool.services);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_THAT(found[0].mend, HasSubstr("install -d -m 0700 /var/lib/quorvix"));
 }
 
 TEST_F(Doctor, ADamagedProfileIsAProblem) {

@@ -158,6 +158,22 @@ TEST_F(LogCommand, WithoutAJournalTheLogFileIsRead) {
     EXPECT_EQ(tool.out.str(), "info    Mail: Hang detected\n");
 }
 
+TEST_F(LogCommand, WhereTheJournalTellsNothingTheLogFileIsRead) {
+    journalSays("");
+    tool.services.logFile = folder.path() + "/log";
+    std::ofstream(tool.services.logFile) << "<info> Mail: Hang detected\n";
+    EXPECT_EQ(tool.run({"log", "Mail"}), ExitStatus::done);
+    EXPECT_EQ(tool.out.str(), "info    Mail: Hang detected\n");
+}
+
+TEST_F(LogCommand, AnEmptyJournalIsNoFailureForRootAlone) {
+    journalSays("");
+    EXPECT_EQ(tool.run({"log", "Mail"}), ExitStatus::done);
+    tool.services.isRoot = false;
+    EXPECT_EQ(tool.run({"log", "Mail"}), ExitStatus::failed);
+    EXPECT_THAT(tool.error.str(), HasSubstr("run this as root"));
+}
+
 TEST_F(LogCommand, AJournalThatFailsIsAFailure) {
     journalSays("", 1);
     EXPECT_EQ(tool.run({"log", "Mail"}), ExitStatus::failed);

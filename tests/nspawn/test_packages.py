@@ -104,8 +104,8 @@ class Packages(unittest.TestCase):
     def assert_nothing_failed(self):
         self.assertEqual(MACHINE.failed_units(), "")
 
-    def wait_all_watched(self):
-        wait_until(lambda: len(MACHINE.watched()) == len(APPS), 30, "the watched apps")
+    def wait_all_watched(self, number=len(APPS)):
+        wait_until(lambda: len(MACHINE.watched()) == number, 30, "the watched apps")
 
     def test_01_installing_starts_cleanly(self):
         dpkg("--install", *debs("debs"))
@@ -240,12 +240,20 @@ class Packages(unittest.TestCase):
     def test_08_killed_under_load_it_watches_its_apps_again(self):
         for name in APPS:
             MACHINE.start_app(name, "/root/app", "3600")
-        self.wait_all_watched()
+        hanging = [f"hanging-{number}" for number in range(4)]
+        for name in hanging:
+            MACHINE.start_app(name, "/root/app", "300", "hang", "240", "after", "1")
+        MACHINE.start_app("messages", "/bin/sh", "-c", "while :; do for verb in begin end; do "
+                          "quorvixctl activation $verb --pid $$ --bundle com.example.load; done; done")
+        self.wait_all_watched(len(APPS) + len(hanging))
         for _ in range(3):
             before = MACHINE.show(SERVICE)["MainPID"]
             MACHINE.must("systemctl", "kill", "--signal=KILL", SERVICE)
             wait_until(lambda: MACHINE.show(SERVICE)["MainPID"] not in ("0", before) and MACHINE.status(), 20, "the restart")
-            self.wait_all_watched()
+            self.wait_all_watched(len(APPS) + len(hanging))
+            wait_until(lambda: MACHINE.status()["platform"]["messages"]["messages"] > 20, 20, "messages")
+        MACHINE.must("systemctl", "stop", "messages", *hanging)
+        self.wait_all_watched()
         self.assert_nothing_failed()
 
     def test_09_a_stuck_queue_is_seen_and_ended(self):

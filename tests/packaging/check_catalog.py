@@ -27,7 +27,19 @@ class Catalog(unittest.TestCase):
         for name, number in IDS.items():
             text = entries()[number]
             self.assertRegex(text, r"\nSubject: \S", name)
-            self.assertIn("quorvixctl" if name == "reportRefused" else "What to do next", text, name)
+            self.assertIn("What to do next", text, name)
+
+    def test_the_pages_that_installed_files_name_are_installed(self):
+        named = set()
+        for file in [*ROOT.glob("packaging/**/*"), *ROOT.glob("ctl/*.cpp"), *ROOT.glob("man/*.in")]:
+            if file.is_file():
+                text = re.sub(r"(?m)^ *//.*$", "", file.read_text())
+                self.assertNotRegex(text, r"(?<!/)docs/\w+\.md", file)
+                named.update(re.findall(r"/usr/share/doc/quorvixd/([\w.-]+)", text))
+        self.assertGreater(len(named), 2)
+        for name in named:
+            self.assertTrue((ROOT / "docs" / name).exists(), name)
+        self.assertIn("docs/*.md", (ROOT / "debian/quorvixd.docs").read_text().split())
 
     def test_every_reason_is_explained_and_documented(self):
         sources = "".join(path.read_text() for path in (ROOT / "hang").glob("*.cpp"))
