@@ -13,7 +13,8 @@ from from_markdown import plain
 
 
 def sentence(text):
-    text = plain(text[0].upper() + text[1:] if text else "")
+    """The help as it is: where it begins with a small letter, it begins with a value, to be typed so."""
+    text = plain(text)
     return text if text.endswith(".") else text + "."
 
 

@@ -11,6 +11,16 @@ and [links](...). A table becomes a list tagged by its first column: tables of s
 import re
 import sys
 
+# What a reader of a page may want beside it. The tool and the daemon are on every page.
+RELATED = {
+    "quorvix-channel": ["libquorvix 3", "quorvix-hang-report 5", "quorvix-messages 5"],
+    "quorvix-counters": ["quorvix-hang-report 5", "quorvix-power-log 5"],
+    "quorvix-hang-report": ["quorvix-channel 5", "quorvix-counters 5", "quorvix-preferences 5"],
+    "quorvix-memory-snapshot": ["quorvix-preferences 5"],
+    "quorvix-messages": ["libquorvix 3", "quorvix-channel 5", "quorvix-power-log 5"],
+    "quorvix-power-log": ["quorvix-counters 5", "quorvix-messages 5", "quorvix-preferences 5"],
+    "quorvix-preferences": ["quorvix-hang-report 5", "quorvix-memory-snapshot 5", "quorvix-power-log 5"],
+}
 INLINE = re.compile(r"`([^`]+)`|\*\*([^*]+)\*\*|\[([^\]]+)\]\([^)]*\)")
 
 
@@ -148,7 +158,8 @@ def main():
     elif body and body[0] == ".Pp":
         body = body[1:]
     print("\n".join(body))
-    print(".Sh SEE ALSO\n.Xr quorvixctl 1 ,\n.Xr quorvixd 8")
+    others = ["quorvixctl 1", *RELATED[name], "quorvixd 8"]
+    print(".Sh SEE ALSO\n" + " ,\n".join(".Xr " + plain(other) for other in others))
 
 
 if __name__ == "__main__":

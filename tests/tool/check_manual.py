@@ -26,6 +26,11 @@ def shown(page):
                                                 check=True).stdout)
 
 
+def see_also(page):
+    """The pages that a page sends its reader to."""
+    return set(re.findall(r"^\.Xr (\S+) \d", page.read_text().partition(".Sh SEE ALSO\n")[2].replace("\\-", "-"), re.M))
+
+
 def help_of(path):
     return subprocess.run([TOOL, *path, "--help"], capture_output=True, text=True, check=True).stdout
 
@@ -49,6 +54,35 @@ class Manual(unittest.TestCase):
         for page in PAGES:
             result = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", page], capture_output=True, text=True, check=False)
             self.assertEqual((result.stdout, result.returncode), ("", 0), page)
+
+    def test_pages_lead_to_each_other(self):
+        names = {page.stem for page in PAGES}
+        formats = {page.stem for page in PAGES if page.suffix == ".5"}
+        for page in PAGES:
+            with self.subTest(page.stem):
+                others = see_also(page)
+                self.assertNotIn(page.stem, others)
+                self.assertLessEqual(others, names | {"journalctl"})
+                if page.stem in formats:
+                    self.assertLessEqual({"quorvixctl", "quorvixd"}, others)
+                    self.assertTrue(others & formats)
+                else:
+                    self.assertLessEqual(formats, others)
+
+    def test_the_tools_page_tells_help_as_the_tool_does(self):
+        """Values begin with small letters, and would be refused with others."""
+        page = " ".join(shown(BUILD / "man/quorvixctl.1").split())
+        table = json.loads(subprocess.run([TOOL, "completions", "--json"], capture_output=True, text=True, check=True).stdout)
+
+        def texts(command):
+            yield command["help"]
+            yield from (option["help"] for option in command["options"] if "--help" not in option["names"])
+            for inner in command["commands"]:
+                yield from texts(inner)
+        told = [text for verb in table["commands"] for text in texts(verb)]
+        self.assertGreater(len(told), 60)
+        for text in told:
+            self.assertIn(text, page)
 
     def test_the_tools_page_has_every_command_and_option_of_its_help(self):
         page = shown(BUILD / "man/quorvixctl.1")
