@@ -9,25 +9,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/linux/Descriptor.h"
+
 namespace quorvix::ctl {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-    ~Descriptor() {
-        if (descriptor_ >= 0) ::close(descriptor_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return descriptor_; }
-
-private:
-    int descriptor_;
-};
 
 // 0, or the errno.
 int connectTo(int descriptor, const std::string& path) {
@@ -55,8 +43,8 @@ int waitForInput(int descriptor, Clock::time_point deadline) {
 
 Result<std::string> readState(const std::string& socketPath, const StateLimits& limits) {
     const auto deadline = Clock::now() + limits.timeout;
-    const Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (connection.get() < 0) return ErrorCode{errno};
+    const linuxos::Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!connection) return ErrorCode{errno};
     if (const int error = connectTo(connection.get(), socketPath)) return ErrorCode{error};
 
     std::string document;
