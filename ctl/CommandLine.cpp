@@ -59,6 +59,7 @@ public:
           prune_(services),
           switch_(services) {
         app_.require_subcommand(1);
+        app_.set_version_flag("--version", "quorvixctl " QUORVIX_VERSION, "Prints the version, and does nothing else");
         const VerbContext context{services_, action_};
         addStatusVerb(app_, context);
         addPreferences();
@@ -81,14 +82,34 @@ public:
         try {
             app_.parse(std::move(arguments));
         } catch (const CLI::ParseError& error) {
-            // A question for help arrives as such an error too, with status 0.
-            const int code = app_.exit(error, services_.out, services_.error);
-            return code == 0 ? ExitStatus::done : ExitStatus::usage;
+            // A question for help or the version arrives as such an error too, with status 0.
+            if (error.get_exit_code() != 0) return misunderstood(error);
+            app_.exit(error, services_.out, services_.error);
+            return ExitStatus::done;
         }
         return action_();
     }
 
 private:
+    // Says it in one line, as everything that goes wrong is said. The parser misses a command where one is mistyped:
+    // the word that stands there helps more.
+    ExitStatus misunderstood(const CLI::ParseError& error) const {
+        const CLI::App* command = &app_;
+        std::string words = app_.get_name();
+        while (!command->get_subcommands().empty()) {
+            command = command->get_subcommands().front();
+            words += " " + command->get_name();
+        }
+        std::string why = error.what();
+        const std::vector<std::string> unknown = command->remaining();
+        if (command->get_require_subcommand_min() > 0 && !unknown.empty()) {
+            const bool isOption = unknown.front().starts_with('-');
+            why = '"' + unknown.front() + (isOption ? "\" is not an option" : "\" is not a command");
+        }
+        services_.error << "quorvixctl: " << printable(why) << " (\"" << words << " --help\" says more)\n";
+        return ExitStatus::usage;
+    }
+
     void addPreferences() {
         CLI::App* group = app_.add_subcommand("prefs", "Reads and changes quorvixd's preferences");
         group->require_subcommand(1);

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "tests/ctl/Tool.h"
@@ -12,6 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 class CommandLine : public testing::Test {
 protected:
@@ -34,8 +36,32 @@ TEST_F(CommandLine, WhatItDoesNotKnowIsAUsageError) {
         {}, {"prefs"}, {"nonsense"}, {"prefs", "set", "QuorvixEnabled"}, {"status", "--nonsense"}, {"notify"}};
     for (const std::vector<std::string>& command : commands) {
         EXPECT_EQ(tool.run(command), ExitStatus::usage);
-        EXPECT_NE(tool.error.str(), "");
+        EXPECT_THAT(tool.error.str(), StartsWith("quorvixctl: "));
+        EXPECT_EQ(std::ranges::count(tool.error.str(), '\n'), 1) << tool.error.str();
+        EXPECT_EQ(tool.out.str(), "");
     }
+}
+
+TEST_F(CommandLine, AMistypedCommandIsNamed) {
+    EXPECT_EQ(tool.run({"bogus"}), ExitStatus::usage);
+    EXPECT_EQ(tool.error.str(), "quorvixctl: \"bogus\" is not a command (\"quorvixctl --help\" says more)\n");
+    EXPECT_EQ(tool.run({"prefs", "bogus", "--json"}), ExitStatus::usage);
+    EXPECT_EQ(tool.error.str(), "quorvixctl: \"bogus\" is not a command (\"quorvixctl prefs --help\" says more)\n");
+    EXPECT_EQ(tool.run({"--bogus"}), ExitStatus::usage);
+    EXPECT_THAT(tool.error.str(), HasSubstr("\"--bogus\" is not an option"));
+    EXPECT_EQ(tool.run({"a\nb\033[1m"}), ExitStatus::usage);
+    EXPECT_THAT(tool.error.str(), HasSubstr("\"a?b?[1m\" is not a command"));
+}
+
+TEST_F(CommandLine, ACommandThatLacksSomethingIsToldWhereToReadOn) {
+    EXPECT_EQ(tool.run({"prefs", "get"}), ExitStatus::usage);
+    EXPECT_EQ(tool.error.str(), "quorvixctl: KEY is required (\"quorvixctl prefs get --help\" says more)\n");
+}
+
+TEST_F(CommandLine, TellsItsVersion) {
+    EXPECT_EQ(tool.run({"--version"}), ExitStatus::done);
+    EXPECT_EQ(tool.out.str(), "quorvixctl " QUORVIX_VERSION "\n");
+    EXPECT_EQ(tool.error.str(), "");
 }
 
 TEST_F(CommandLine, NotifyPostsTheName) {

@@ -60,7 +60,20 @@ class EveryCommand(unittest.TestCase):
         for words, _ in self.for_each():
             result = run(*words.split(), "--no-such-option", alone=False)
             self.assertEqual((result.returncode, result.stdout), (2, ""))
-            self.assertTrue(result.stderr)
+            self.assertRegex(result.stderr, r"\Aquorvixctl: .+\n\Z")
+
+    def test_that_lacks_its_operands_says_so_with_the_tools_name(self):
+        for words in sorted(words for words in ARGUMENTS if not words.startswith("recorder") and words != "log"):
+            with self.subTest(words):
+                result = run(*words.split(), alone=False)
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+                self.assertRegex(result.stderr, r"\Aquorvixctl: .+\n\Z")
+
+    def test_that_does_not_exist_is_named(self):
+        for words in (["bogus"], ["prefs", "bogus"], ["help"]):
+            result = run(*words, alone=False)
+            self.assertEqual((result.returncode, result.stdout), (2, ""))
+            self.assertTrue(result.stderr.startswith(f'quorvixctl: "{words[-1]}" is not a command'), result.stderr)
 
 
 @unittest.skipIf(os.geteuid() != 0, "needs root")
