@@ -217,6 +217,7 @@ Findings examinePreferences(const ToolServices& services) {
     }
     std::string on;
     std::string locked;
+    bool hangTracingIsLocked = false;
     for (const std::string_view domain : {kDefaultDomain, kActivationDomain}) {
         const auto stored = services.readDomain({.name = domain, .user = "mobile"});
         if (!stored) {
@@ -228,6 +229,7 @@ Findings examinePreferences(const ToolServices& services) {
         for (const KnownPreference& known : knownPreferences()) {
             if (known.domain != domain) continue;
             const PreferenceOrigin origin = originOf(known, stored ? *stored : PropertyListDictionary{}, profile);
+            if (origin.locked && known.key == "QuorvixEnabled") hangTracingIsLocked = true;
             if (origin.locked) locked += (locked.empty() ? "" : ", ") + std::string(known.key);
             for (const Source& source : kSources) {
                 if (source.key == known.key && origin.value == "true") {
@@ -235,14 +237,18 @@ Findings examinePreferences(const ToolServices& services) {
                 }
             }
             if (origin.remark.starts_with("passed over")) {
+                const bool inProfile = origin.remark.starts_with("passed over in the profile");
                 found.push_back({Kind::notice, "preferences", std::string(known.key) + ": " + origin.remark,
-                                 "quorvixctl prefs set " + std::string(known.key) + " VALUE"});
+                                 inProfile ? "give it a number in the managed profile, or take it out of there"
+                                           : "quorvixctl prefs set " + std::string(known.key) + " VALUE"});
             }
         }
     }
     if (on.empty()) {
         found.push_back({Kind::notice, "preferences", "everything is switched off, so quorvixd stays down",
-                         "quorvixctl prefs set QuorvixEnabled true"});
+                         hangTracingIsLocked
+                             ? "quorvixctl enable memory|activations; of hang tracing the managed profile decides"
+                             : "quorvixctl enable hang|memory|activations"});
     } else {
         found.push_back({Kind::good, "preferences", "on: " + on, ""});
     }

@@ -40,13 +40,23 @@ std::string firstWordOf(const std::string& path) {
     return text ? text->substr(0, text->find_first_of(" \n")) : std::string();
 }
 
-// Whether a preference of this name holds true for the daemon.
-bool isSwitchedOn(const ToolServices& services, std::string_view key) {
+// What the daemon goes by for this key.
+PreferenceOrigin originOfKey(const ToolServices& services, std::string_view key) {
     const KnownPreference* known = findKnownPreference(key);
     const auto stored = services.readDomain({.name = known->domain, .user = "mobile"});
     PropertyListDictionary profile;
     if (auto list = linuxos::readPropertyListFile(services.profilePath)) profile = std::move(list->dictionary);
-    return originOf(*known, stored ? *stored : PropertyListDictionary{}, profile).value == "true";
+    return originOf(*known, stored ? *stored : PropertyListDictionary{}, profile);
+}
+
+// Whether a preference of this name holds true for the daemon.
+bool isSwitchedOn(const ToolServices& services, std::string_view key) {
+    return originOfKey(services, key).value == "true";
+}
+
+bool isLockedOff(const ToolServices& services, std::string_view key) {
+    const PreferenceOrigin origin = originOfKey(services, key);
+    return origin.locked && origin.value != "true";
 }
 
 bool anythingIsOn(const ToolServices& services) {
@@ -222,9 +232,10 @@ Findings examineTraceLibrary(const ToolServices& services) {
                  "install the package quorvixd again"}};
     }
     if (!wanted) {
+        const bool locked = isLockedOff(services, "QuorvixEnableSwivex") || isLockedOff(services, "QuorvixEnabled");
         return {{Kind::notice, "trace library",
                  "it is there, but reports are switched off: hangs are logged and counted",
-                 "quorvixctl prefs set QuorvixEnableSwivex true"}};
+                 locked ? "none here: the managed profile decides that" : "quorvixctl enable hang"}};
     }
     return {{Kind::good, "trace library", "it is there, and reports are switched on", ""}};
 }

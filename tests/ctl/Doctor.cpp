@@ -58,6 +58,11 @@ protected:
         }
         return texts;
     }
+    void installTraceLibrary() const {
+        fs::create_directories(at("/usr/lib"));
+        fs::copy_file(QUORVIX_STANDIN_FOLDER "/standin_swivex/libswivex.dylib", at("/usr/lib/libswivex.dylib"));
+        chmod(at("/usr/lib/libswivex.dylib").c_str(), 0644);
+    }
     tests::TemporaryFolder folder;
     Tool tool;
 };
@@ -153,6 +158,49 @@ TEST_F(Doctor, EverythingOffIsWorthKnowingAndNoProblem) {
     EXPECT_THAT(complaints(examinePreferences(tool.services), Finding::Kind::notice),
                 testing::ElementsAre(HasSubstr("everything is switched off")));
     EXPECT_THAT(complaints(examineService(tool.services)), IsEmpty());
+}
+
+// What is to be done about the only thing that is worth knowing.
+std::string onlyAdvice(const Findings& findings) {
+    std::string advice;
+    for (const Finding& finding : findings) {
+        if (finding.kind == Finding::Kind::good) continue;
+        EXPECT_EQ(advice, "") << finding.text;
+        advice = finding.mend;
+    }
+    return advice;
+}
+
+TEST_F(Doctor, WhatIsOffIsSwitchedOnByOneCommand) {
+    EXPECT_EQ(onlyAdvice(examinePreferences(tool.services)), "quorvixctl enable hang|memory|activations");
+    installTraceLibrary();
+    EXPECT_EQ(onlyAdvice(examineTraceLibrary(tool.services)), "quorvixctl enable hang");
+    ASSERT_EQ(tool.run({"enable", "hang"}), ExitStatus::done);
+    EXPECT_EQ(onlyAdvice(examinePreferences(tool.services)), "");
+    EXPECT_EQ(onlyAdvice(examineTraceLibrary(tool.services)), "");
+}
+
+// Neither "enable" nor "prefs set" does anything about a key that the profile decides.
+TEST_F(Doctor, WhatTheProfileKeepsOffIsNotAdvisedToBeSwitchedOn) {
+    tests::writeWholeFile(tool.services.profilePath,
+                          "<plist version=\"1.0\"><dict><key>QXProfile.QuorvixEnabled</key><false/></dict></plist>");
+    EXPECT_EQ(onlyAdvice(examinePreferences(tool.services)),
+              "quorvixctl enable memory|activations; of hang tracing the managed profile decides");
+    installTraceLibrary();
+    for (const char* key : {"QuorvixEnabled", "QuorvixEnableSwivex"}) {
+        tests::writeWholeFile(tool.services.profilePath, "<plist version=\"1.0\"><dict><key>QXProfile." +
+                                                             std::string(key) + "</key><false/></dict></plist>");
+        EXPECT_EQ(onlyAdvice(examineTraceLibrary(tool.services)), "none here: the managed profile decides that") << key;
+    }
+}
+
+TEST_F(Doctor, AValueThatTheProfileSpoilsIsMendedThere) {
+    tests::writeWholeFile(tool.services.profilePath,
+                          "<plist version=\"1.0\"><dict><key>QXProfile.QuorvixDailyLogLimit"
+                          "</key><string>many</string></dict></plist>");
+    ASSERT_EQ(tool.run({"prefs", "set", "QuorvixEnabled", "true"}), ExitStatus::done);
+    EXPECT_EQ(onlyAdvice(examinePreferences(tool.services)),
+              "give it a number in the managed profile, or take it out of there");
 }
 
 TEST_F(Doctor, ADaemonThatShouldRunAndDoesNotIsAProblem) {
