@@ -64,7 +64,7 @@ PreferenceOrigin originOf(const KnownPreference& known, const PropertyListDictio
         return origin;
     }
     if (origin.remark.empty() && known.whenAbsent == "unchanged") {
-        origin.remark = "unless another value was in force while quorvixd ran";
+        origin.remark = "a running quorvixd keeps the value it had";
     }
     return origin;
 }

@@ -25,11 +25,13 @@ void appendTable(std::string& out, const std::vector<TextRow>& rows) {
         }
     }
     for (const TextRow& row : rows) {
-        for (std::size_t column = 0; column < row.size(); ++column) {
+        // Up to the last cell with something in it, and nothing after that one: no line ends in blanks.
+        std::size_t cells = row.size();
+        while (cells > 0 && row[cells - 1].empty()) --cells;
+        for (std::size_t column = 0; column < cells; ++column) {
             out += kIndent;
             out += row[column];
-            // Nothing after the last column: no line ends in blanks.
-            if (column + 1 < row.size()) out.append(widths[column] - width(row[column]), ' ');
+            if (column + 1 < cells) out.append(widths[column] - width(row[column]), ' ');
         }
         out += '\n';
     }

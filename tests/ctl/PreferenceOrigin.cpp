@@ -42,6 +42,7 @@ TEST(PreferenceOrigin, OnlyFourKeysAreTheProfiles) {
 TEST(PreferenceOrigin, WithoutEitherTheDefaultHolds) {
     EXPECT_EQ(origin("QuorvixReportPeriod", {}).value, "3600");
     EXPECT_EQ(origin("QuorvixReportPeriod", {}).decider, PreferenceDecider::fallback);
+    EXPECT_EQ(origin("QuorvixReportPeriod", {}).remark, "a running quorvixd keeps the value it had");
     EXPECT_EQ(origin("QuorvixEnabled", {{"QuorvixEnabled", "true"}}).value, "false");
 }
 
@@ -79,6 +80,12 @@ TEST_F(OriginCommand, ListShowsWhatDecidesEachKey) {
         EXPECT_EQ(entry["locked"], locked) << entry;
         EXPECT_EQ(entry["origin"], locked ? "profile" : "default") << entry;
     }
+}
+
+TEST_F(OriginCommand, NoLineEndsInBlanks) {
+    EXPECT_EQ(tool.run({"prefs", "list", "--origin"}), ExitStatus::done);
+    EXPECT_THAT(tool.out.str(), HasSubstr("locked\n"));
+    EXPECT_THAT(tool.out.str(), testing::Not(HasSubstr(" \n")));
 }
 
 TEST_F(OriginCommand, GetShowsOneKeyThatIsNotStored) {

@@ -32,7 +32,7 @@ TEST(StateReport, SaysNoneWhereNothingIs) {
 }
 
 TEST(StateReport, ARecordMayLackAMember) {
-    EXPECT_EQ(report(R"({"list":[{"a":1},{"b":2}]})"), "quorvixd\n\nlist (2)\n  a  b\n  1  \n     2\n");
+    EXPECT_EQ(report(R"({"list":[{"a":1},{"b":2}]})"), "quorvixd\n\nlist (2)\n  a  b\n  1\n     2\n");
 }
 
 TEST(StateReport, NoNameMovesTheCursor) {
