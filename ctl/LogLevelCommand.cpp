@@ -30,6 +30,9 @@ struct LevelRequest {
 
 linuxos::PreferencesPlace placeOf(const ToolServices& services) { return {services.logLevelFolder, "logging"}; }
 
+// The categories that quorvixd writes lines of, as the operator names them.
+bool isKnownCategory(const std::string& category) { return category == "platform" || category == kGivenTexts; }
+
 std::string categoryKey(const std::string& category) { return category == kGivenTexts ? "" : category; }
 std::string categoryName(const std::string& key) { return key.empty() ? kGivenTexts : key; }
 
@@ -66,6 +69,12 @@ ExitStatus show(const LevelRequest& request, const ToolServices& services) {
 }
 
 ExitStatus change(const LevelRequest& request, const ToolServices& services) {
+    // What the list holds already may be taken out of it again, whatever it is.
+    if (!request.reset && !request.category.empty() && !isKnownCategory(request.category)) {
+        services.error << "quorvixctl: \"" << printable(request.category)
+                       << "\" is not a category of quorvixd: platform or given\n";
+        return ExitStatus::usage;
+    }
     const auto edited = linuxos::editPreferencesFile(placeOf(services), [&](PropertyListDictionary& list) {
         PropertyListDictionary categories = categoriesOf(list);
         if (request.category.empty()) categories.clear();

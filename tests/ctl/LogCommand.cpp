@@ -194,6 +194,23 @@ TEST_F(LogCommand, LevelIsInfoUntilItIsSet) {
     EXPECT_EQ(tool.out.str(), "  category  keeps\n  *         info\n");
 }
 
+TEST_F(LogCommand, AMistypedCategoryIsRefusedAndNotStored) {
+    EXPECT_EQ(tool.run({"log", "level", "debug", "--category", "platfrom"}), ExitStatus::usage);
+    EXPECT_EQ(tool.error.str(), "quorvixctl: \"platfrom\" is not a category of quorvixd: platform or given\n");
+    EXPECT_EQ(tool.run({"log", "level", "debug", "--category", "platform"}), ExitStatus::done);
+    EXPECT_EQ(tool.run({"log", "level", "--json"}), ExitStatus::done);
+    EXPECT_EQ(nlohmann::json::parse(tool.out.str()), (nlohmann::json{{"*", "info"}, {"platform", "debug"}}));
+}
+
+TEST_F(LogCommand, ACategoryThatIsNotKnownCanBeTakenOut) {
+    tests::writeWholeFile(tool.services.logLevelFolder + "/logging.plist",
+                          "<plist version=\"1.0\"><dict><key>com.norvane.quorvix</key><dict><key>platfrom</key>"
+                          "<string>debug</string></dict></dict></plist>");
+    EXPECT_EQ(tool.run({"log", "level", "--reset", "--category", "platfrom"}), ExitStatus::done);
+    EXPECT_EQ(tool.run({"log", "level"}), ExitStatus::done);
+    EXPECT_EQ(tool.out.str(), "  category  keeps\n  *         info\n");
+}
+
 TEST_F(LogCommand, AnUnknownLevelIsRefused) { EXPECT_EQ(tool.run({"log", "level", "loud"}), ExitStatus::usage); }
 
 }  // namespace
