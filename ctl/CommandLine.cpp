@@ -122,7 +122,7 @@ private:
 
         CLI::App* set = group->add_subcommand("set", "Sets one value and tells quorvixd");
         addKey(set);
-        set->add_option("VALUE", value_, "The value; a negative number after \"--\"")->required();
+        set->add_option("VALUE", value_, "The value")->required();
         set->add_option("--type", kindName_, "bool, int, uint, real or string; for an unknown key")
             ->check(CLI::IsMember({"bool", "int", "uint", "real", "string"}));
         addNotifyFlag(set);
@@ -296,7 +296,7 @@ private:
 
         CLI::App* prune = group->add_subcommand("prune", "Removes old reports; the newest of each app is kept");
         addPruneLimits(prune);
-        prune->add_option("--keep-apps", pruneRequest_.limits.keptOwners, "Of at most so many apps")
+        prune->add_option("--keep-apps", pruneRequest_.limits.keptOwners, "The newest is kept of at most so many apps")
             ->capture_default_str();
         prune->callback([this] { action_ = [this] { return prune_.hangReports(pruneRequest()); }; });
     }

@@ -95,7 +95,7 @@ ExitStatus ReportCommand::list(const std::string& folder, Format format) const {
         services_.out << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
         return ExitStatus::done;
     }
-    std::vector<TextRow> rows = {{"WHEN", "APP", "HOW LONG", "WHY", "FILE"}};
+    std::vector<TextRow> rows = {{"WHEN (LOCAL TIME)", "APP", "HOW LONG", "WHY", "FILE"}};
     for (const Listed& listed : reports) rows.push_back(rowOf(listed));
     std::string text;
     appendTable(text, rows);

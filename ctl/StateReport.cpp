@@ -17,6 +17,7 @@ using Row = TextRow;
 
 std::string cell(const Json& value) {
     if (value.is_null()) return "-";
+    if (value.is_array() && value.empty()) return "none";
     if (value.is_string()) return printable(value.get_ref<const std::string&>());
     return printable(value.dump());
 }

@@ -46,6 +46,12 @@ protected:
     Tool tool_;
 };
 
+TEST_F(ReportCommandTest, TheListSaysWhichClockItsTimesAreOf) {
+    write("a.swivex", report(3000, "newest").file());
+    EXPECT_EQ(tool_.run({"report", "list"}), ExitStatus::done);
+    EXPECT_THAT(tool_.out.str(), testing::StartsWith("  WHEN (LOCAL TIME)    APP "));
+}
+
 TEST_F(ReportCommandTest, ListsTheNewestFirstByTheTimeOfTheHang) {
     write("b.swivex", report(1000, "old").file());
     write("a.swivex", report(3000, "newest").file());

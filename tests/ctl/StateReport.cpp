@@ -31,6 +31,11 @@ TEST(StateReport, SaysNoneWhereNothingIs) {
     EXPECT_EQ(report(R"({"watched":[],"appCredits":{}})"), "quorvixd\n\nwatched (0)\n  none\n\nappCredits\n  none\n");
 }
 
+TEST(StateReport, SaysNoneForAnEmptyListInAGroup) {
+    EXPECT_EQ(report(R"({"budget":{"left":3,"lastRefusals":[]}})"),
+              "quorvixd\n\nbudget\n  left          3\n  lastRefusals  none\n");
+}
+
 TEST(StateReport, ARecordMayLackAMember) {
     EXPECT_EQ(report(R"({"list":[{"a":1},{"b":2}]})"), "quorvixd\n\nlist (2)\n  a  b\n  1\n     2\n");
 }
