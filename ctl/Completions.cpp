@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
+#include <vector>
 
 #include "ctl/KnownPreferences.h"
 
@@ -13,6 +15,9 @@ namespace {
 struct Values {
     enum class Kind { none, words, files, commands } kind = Kind::none;
     std::string words = {};
+    // Files only: one of this folder may be named alone, if its name ends so. Empty: none.
+    std::string folder = {};
+    std::string_view suffix = {};
 };
 
 std::string knownKeys() {
@@ -25,6 +30,8 @@ std::string knownKeys() {
 Values valuesOf(std::string_view name) {
     using enum Values::Kind;
     if (name == "KEY") return {words, knownKeys()};
+    if (name == "--format") return {words, "text json"};
+    if (name == "--category") return {words, "given platform"};
     if (name == "--type") return {words, "bool int uint real string"};
     if (name == "--domain") return {words, std::string(kDefaultDomain) + " " + std::string(kActivationDomain)};
     if (name == "NAME") {
@@ -43,13 +50,21 @@ Values valuesOf(std::string_view name) {
     return {};
 }
 
-// All operands of a command together: which of them comes next is for the one who types to know.
-Values operandsOf(const CommandEntry& command) {
+// One of each operand. The command's words tell which reports it reads.
+std::vector<Values> operandsOf(const std::string& path, const CommandEntry& command, const ReportFolders& folders) {
+    std::vector<Values> operands;
     for (const std::string& operand : command.operands) {
-        Values values = valuesOf(operand);
-        if (values.kind != Values::Kind::none) return values;
+        Values& values = operands.emplace_back(valuesOf(operand));
+        if (values.kind != Values::Kind::files) continue;
+        if (path.starts_with("report ")) {
+            values.folder = folders.hangReports;
+            values.suffix = ".swivex";
+        } else if (path.starts_with("memory ")) {
+            values.folder = folders.memorySnapshots;
+            values.suffix = ".ips";
+        }
     }
-    return {};
+    return operands;
 }
 
 using Visitor = std::function<void(const std::string& path, const CommandEntry& command)>;
@@ -93,6 +108,18 @@ std::string stepPatterns(const CommandEntry& tool, std::string_view separator) {
     return joined(steps, separator);
 }
 
+// The patterns of "<command> <option>" after which the option's value comes.
+std::string valuePatterns(const CommandEntry& tool, std::string_view separator) {
+    std::vector<std::string> patterns;
+    visit(tool, "", [&](const std::string& path, const CommandEntry& command) {
+        for (const OptionEntry& option : command.options) {
+            if (!option.takesValue) continue;
+            for (const std::string& name : option.names) patterns.push_back("'" + path + " " + name + "'");
+        }
+    });
+    return joined(patterns, separator);
+}
+
 // In single quotes, as bash, zsh and fish read them.
 std::string shellQuoted(std::string_view text) {
     std::string out = "'";
@@ -118,9 +145,11 @@ std::string fishQuoted(std::string_view text) {
 
 std::string bashReply(const Values& values) {
     switch (values.kind) {
-        case Values::Kind::words: return "COMPREPLY=($(compgen -W '" + values.words + "' -- \"$current\"))";
-        case Values::Kind::files: return "COMPREPLY=($(compgen -f -- \"$current\"))";
-        case Values::Kind::commands: return "COMPREPLY=($(compgen -c -- \"$current\"))";
+        case Values::Kind::words: return "mapfile -t COMPREPLY < <(compgen -W '" + values.words + "' -- \"$current\")";
+        case Values::Kind::files:
+            if (values.folder.empty()) return "_quorvixctl_files";
+            return "_quorvixctl_files " + shellQuoted(values.folder) + " '" + std::string(values.suffix) + "'";
+        case Values::Kind::commands: return "mapfile -t COMPREPLY < <(compgen -c -- \"$current\")";
         case Values::Kind::none: break;
     }
     return "COMPREPLY=()";
@@ -128,18 +157,44 @@ std::string bashReply(const Values& values) {
 
 Values wordsOf(const std::vector<std::string>& words) { return {Values::Kind::words, joined(words, " ")}; }
 
-std::string bashScript(const CommandEntry& tool) {
+// What may stand in each place after the command, as patterns of its number for bash and zsh.
+std::vector<std::pair<std::string, Values>> placesOf(const std::string& path, const CommandEntry& command,
+                                                     const ReportFolders& folders) {
+    if (!command.commands.empty()) return {{"0", wordsOf(commandNames(command))}};
+    std::vector<std::pair<std::string, Values>> places;
+    for (const Values& values : operandsOf(path, command, folders)) {
+        places.emplace_back(std::to_string(places.size()), values);
+        // Arguments of another program: nothing but files is likely.
+        if (values.kind == Values::Kind::commands) places.emplace_back("[1-9]*", Values{Values::Kind::files});
+    }
+    return places;
+}
+
+std::string bashScript(const CommandEntry& tool, const ReportFolders& folders) {
     std::string script =
         "# Completion of quorvixctl in bash. Made by \"quorvixctl completions bash\".\n"
+        "# Names of reports in their folder; where none begins so, files, as bash completes them by itself.\n"
+        "_quorvixctl_files() {\n"
+        "    compopt -o filenames -o default\n"
+        "    COMPREPLY=()\n"
+        "    [[ $# == 0 || $current == */* ]] ||\n"
+        "        mapfile -t COMPREPLY < <(cd \"$1\" 2> /dev/null && compgen -f -X \"!*$2\" -- \"$current\")\n"
+        "}\n"
         "_quorvixctl() {\n"
-        "    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command= index IFS=$' "
-        "\\t\\n'\n"
+        "    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command= index operand=0"
+        " IFS=$' \\t\\n'\n"
         "    for ((index = 1; index < COMP_CWORD; ++index)); do\n"
         "        case \"$command ${COMP_WORDS[index]}\" in\n"
         "            " +
         stepPatterns(tool, " | ") +
         ")\n"
         "                command=\"${command:+$command }${COMP_WORDS[index]}\" ;;\n"
+        "            " +
+        valuePatterns(tool, " | ") +
+        ")\n"
+        "                index=$((index + 1)) ;;\n"
+        "            \"$command \"-*) ;;\n"
+        "            *) operand=$((operand + 1)) ;;\n"
         "        esac\n"
         "    done\n";
     std::string optionValues;
@@ -152,11 +207,11 @@ std::string bashScript(const CommandEntry& tool) {
             }
         }
         rest += "        '" + path + " options') " + bashReply(wordsOf(optionNames(command))) + " ;;\n";
-        rest += "        '" + path + " words') " +
-                bashReply(command.commands.empty() ? operandsOf(command) : wordsOf(commandNames(command))) + " ;;\n";
+        for (const auto& [operand, values] : placesOf(path, command, folders))
+            rest += "        '" + path + " '" + operand + ") " + bashReply(values) + " ;;\n";
     });
     script += "    case \"$command $previous\" in\n" + optionValues + "    esac\n";
-    script += "    local wanted=words\n    [[ $current == -* ]] && wanted=options\n";
+    script += "    local wanted=$operand\n    [[ $current == -* ]] && wanted=options\n    COMPREPLY=()\n";
     script += "    case \"$command $wanted\" in\n" + rest + "    esac\n}\ncomplete -F _quorvixctl quorvixctl\n";
     return script;
 }
@@ -164,7 +219,9 @@ std::string bashScript(const CommandEntry& tool) {
 std::string zshReply(const Values& values) {
     switch (values.kind) {
         case Values::Kind::words: return "compadd -- " + values.words;
-        case Values::Kind::files: return "_files";
+        case Values::Kind::files:
+            if (values.folder.empty()) return "_files";
+            return "compadd -- " + shellQuoted(values.folder) + "/*" + std::string(values.suffix) + "(N:t); _files";
         case Values::Kind::commands: return "_command_names";
         case Values::Kind::none: break;
     }
@@ -178,19 +235,25 @@ std::string zshDescribed(std::string_view name, std::string_view help) {
     return shellQuoted(text + ":" + std::string(help));
 }
 
-std::string zshScript(const CommandEntry& tool) {
+std::string zshScript(const CommandEntry& tool, const ReportFolders& folders) {
     std::string script =
         "#compdef quorvixctl\n"
         "# Completion of quorvixctl in zsh. Made by \"quorvixctl completions zsh\".\n"
         "_quorvixctl() {\n"
-        "    local command= wanted=words\n"
-        "    integer index\n"
+        "    local command= wanted\n"
+        "    integer index operand=0\n"
         "    for ((index = 2; index < CURRENT; ++index)); do\n"
         "        case \"$command ${words[index]}\" in\n"
         "            (" +
         stepPatterns(tool, " | ") +
         ")\n"
         "                command=\"${command:+$command }${words[index]}\" ;;\n"
+        "            (" +
+        valuePatterns(tool, " | ") +
+        ")\n"
+        "                ((++index)) ;;\n"
+        "            (\"$command \"-*) ;;\n"
+        "            (*) ((++operand)) ;;\n"
         "        esac\n"
         "    done\n";
     std::string optionValues;
@@ -208,13 +271,15 @@ std::string zshScript(const CommandEntry& tool) {
         for (const CommandEntry& inner : command.commands) commands.push_back(zshDescribed(inner.name, inner.help));
         rest +=
             "        ('" + path + " options') choices=(" + joined(options, " ") + "); _describe option choices ;;\n";
-        rest += "        ('" + path + " words') " +
-                (commands.empty() ? zshReply(operandsOf(command))
-                                  : "choices=(" + joined(commands, " ") + "); _describe command choices") +
-                " ;;\n";
+        for (const auto& [operand, values] : placesOf(path, command, folders)) {
+            rest += "        ('" + path + " '" + operand + ") " +
+                    (commands.empty() ? zshReply(values)
+                                      : "choices=(" + joined(commands, " ") + "); _describe command choices") +
+                    " ;;\n";
+        }
     });
     script += "    case \"$command ${words[CURRENT - 1]}\" in\n" + optionValues + "    esac\n";
-    script += "    [[ ${words[CURRENT]} == -* ]] && wanted=options\n    local -a choices\n";
+    script += "    wanted=$operand\n    [[ ${words[CURRENT]} == -* ]] && wanted=options\n    local -a choices\n";
     script += "    case \"$command $wanted\" in\n" + rest + "    esac\n}\n";
     // Read as a function's body where the shell loads it by itself, and as a script where a user sources it.
     script +=
@@ -226,37 +291,58 @@ std::string zshScript(const CommandEntry& tool) {
 std::string fishArguments(const Values& values) {
     switch (values.kind) {
         case Values::Kind::words: return " -f -a " + fishQuoted(values.words);
-        case Values::Kind::files: return " -F";
+        case Values::Kind::files:
+            if (values.folder.empty()) return " -F";
+            return " -F -a " + fishQuoted("(for file in " + fishQuoted(values.folder) + "/*" +
+                                          std::string(values.suffix) + "; string replace -r '.*/' '' -- $file; end)");
         case Values::Kind::commands: return " -f -a '(__fish_complete_command)'";
         case Values::Kind::none: break;
     }
     return " -f";
 }
 
-std::string fishScript(const CommandEntry& tool) {
+std::string fishScript(const CommandEntry& tool, const ReportFolders& folders) {
     std::string script =
         "# Completion of quorvixctl in fish. Made by \"quorvixctl completions fish\".\n"
-        "function __quorvixctl_command\n"
+        "# The command and how many operands it has already: \"prefs set:1\".\n"
+        "function __quorvixctl_place\n"
         "    set -l command ''\n"
+        "    set -l operand 0\n"
+        "    set -l isValue 0\n"
         "    set -l words (commandline -opc)\n"
         "    for word in $words[2..-1]\n"
+        "        if test $isValue = 1\n"
+        "            set isValue 0\n"
+        "            continue\n"
+        "        end\n"
         "        switch \"$command $word\"\n"
         "            case " +
         stepPatterns(tool, " ") +
         "\n"
         "                set command (string trim -- \"$command $word\")\n"
+        "            case " +
+        valuePatterns(tool, " ") +
+        "\n"
+        "                set isValue 1\n"
+        "            case \"$command -*\"\n"
+        "            case '*'\n"
+        "                set operand (math $operand + 1)\n"
         "        end\n"
         "    end\n"
-        "    echo $command\n"
+        "    echo \"$command:$operand\"\n"
         "end\n"
         "function __quorvixctl_at\n"
-        "    test (__quorvixctl_command) = \"$argv\"\n"
+        "    string match -q -- \"$argv:*\" (__quorvixctl_place)\n"
         "end\n"
         "complete -c quorvixctl -f\n";
     visit(tool, "", [&](const std::string& path, const CommandEntry& command) {
         const std::string at = "complete -c quorvixctl -n " + fishQuoted("__quorvixctl_at " + path);
+        const auto atOperand = [&path](const std::string& operand) {
+            return "complete -c quorvixctl -n " +
+                   fishQuoted("string match -q -r '^" + path + ":" + operand + "$' (__quorvixctl_place)");
+        };
         for (const CommandEntry& inner : command.commands) {
-            script += at + " -f -a " + inner.name + " -d " + fishQuoted(inner.help) + "\n";
+            script += atOperand("0") + " -f -a " + inner.name + " -d " + fishQuoted(inner.help) + "\n";
         }
         for (const OptionEntry& option : command.options) {
             script += at;
@@ -266,19 +352,21 @@ std::string fishScript(const CommandEntry& tool) {
             if (option.takesValue) script += " -r" + fishArguments(valuesOf(option.names.back()));
             script += " -d " + fishQuoted(option.help) + "\n";
         }
-        const Values operands = operandsOf(command);
-        if (command.commands.empty() && operands.kind != Values::Kind::none)
-            script += at + fishArguments(operands) + "\n";
+        if (!command.commands.empty()) return;
+        for (const auto& [operand, values] : placesOf(path, command, folders)) {
+            if (values.kind != Values::Kind::none) script += atOperand(operand) + fishArguments(values) + "\n";
+        }
     });
     return script;
 }
 
 }  // namespace
 
-std::optional<std::string> completionScript(std::string_view shell, const CommandEntry& tool) {
-    if (shell == "bash") return bashScript(tool);
-    if (shell == "zsh") return zshScript(tool);
-    if (shell == "fish") return fishScript(tool);
+std::optional<std::string> completionScript(std::string_view shell, const CommandEntry& tool,
+                                            const ReportFolders& folders) {
+    if (shell == "bash") return bashScript(tool, folders);
+    if (shell == "zsh") return zshScript(tool, folders);
+    if (shell == "fish") return fishScript(tool, folders);
     return std::nullopt;
 }
 

@@ -25,7 +25,8 @@ ExitStatus completions(const CompletionsRequest& request, const CLI::App& tool, 
         services.out << jsonText(commandTableJson(table));
         return ExitStatus::done;
     }
-    if (const auto script = completionScript(request.shell, table)) {
+    if (const auto script = completionScript(
+            request.shell, table, {.hangReports = services.spoolFolder, .memorySnapshots = services.reportFolder})) {
         services.out << *script;
         return ExitStatus::done;
     }
