@@ -91,13 +91,18 @@ Action actionOf(std::uint64_t seed, std::uint64_t index) {
 Fleet::Fleet(World& world, std::uint64_t clients) : world_(world), clients_(clients) {}
 
 void Fleet::setUp(Dice dice) {
+    // Rules that need a day of one process are reached only where a run lets it live: of eight runs four restart it by
+    // themselves never, two every few days, one daily, one many times a day.
+    restartOneIn_ = dice.oneOf<std::uint64_t>({0, 0, 0, 0, 40, 24, 8, 1});
+    kept_ = dice.oneOf<Source>(
+        {Source::none, Source::hang, Source::memory, Source::memory, Source::activation, Source::activation});
     world_.debugLines = dice.oneIn(4);
     world_.setInternalBuild(dice.oneIn(3));
     world_.device.renderServer.setPort(dice.oneIn(3) ? 7 : 0);
     world_.setPreference("com.norvane.da", "QuorvixEnabled", true);
     world_.setPreference("com.norvane.da", "QuorvixEnableSwivex", true);
     world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging", true);
-    world_.setPreference("com.norvane.da", "QuorvixEnableMemoryLogging", dice.oneIn(2));
+    world_.setPreference("com.norvane.da", "QuorvixEnableMemoryLogging", dice.oneIn(2) || kept_ == Source::memory);
     world_.setPreference("com.norvane.da", "QuorvixEnableHUD", dice.oneIn(2));
     auto& kernel = world_.device.kernelMemory;
     kernel.memory.zones = {{"kalloc.16", 409600}, {"vm objects", 4095}, {"empty", 0}};
@@ -368,7 +373,7 @@ void Fleet::preference(Dice& dice) {
         world_.setPreference("com.norvane.da", key, std::move(value));
     };
     switch (dice.below(12)) {
-        case 0: set("QuorvixEnabled", !dice.oneIn(3)); break;
+        case 0: set("QuorvixEnabled", !dice.oneIn(3) || kept_ == Source::hang); break;
         case 1:
             set("QuorvixReportPeriod",
                 dice.oneOf<PropertyListValue>({60, 3600, 14400, 0.5, 0, -5, 1e30, "text", true}));
@@ -382,14 +387,16 @@ void Fleet::preference(Dice& dice) {
             set("QuorvixEnableSwivex", dice.oneIn(4) ? std::nullopt : std::optional<PropertyListValue>(!dice.oneIn(4)));
             break;
         case 5: set("QuorvixEnableHUD", dice.oneOf<PropertyListValue>({true, true, false, "no"})); break;
-        case 6: set("QuorvixEnableMemoryLogging", dice.oneIn(2)); break;
+        case 6: set("QuorvixEnableMemoryLogging", dice.oneIn(2) || kept_ == Source::memory); break;
         case 7:
             set("QuorvixMemoryLoggingInterval", dice.oneOf<PropertyListValue>({600, 3600, 7200, 86400, "text"}));
             break;
-        case 8:
-            world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging",
-                                 dice.oneOf<PropertyListValue>({true, true, 1, 0.0, "yes", false}));
+        case 8: {
+            auto value = dice.oneOf<PropertyListValue>({true, true, 1, 0.0, "yes", false});
+            if (kept_ == Source::activation) value = true;
+            world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging", std::move(value));
             break;
+        }
         case 9:
             set("QuorvixAppActivationLoggingMaxActivationCount",
                 dice.oneOf<PropertyListValue>({200, 0, 5, 100000, -1}));
@@ -415,7 +422,8 @@ void Fleet::profile(Dice& dice) {
     } else {
         PropertyListDictionary profile;
         if (dice.oneIn(3))
-            profile.emplace("QXProfile.QuorvixEnabled", dice.oneOf<PropertyListValue>({true, 1, "no", false}));
+            profile.emplace("QXProfile.QuorvixEnabled",
+                            dice.oneOf<PropertyListValue>({true, 1, "no", kept_ == Source::hang}));
         if (dice.oneIn(3)) profile.emplace("QXProfile.QuorvixReportPeriod", dice.oneOf<PropertyListValue>({600, 7200}));
         if (dice.oneIn(3)) profile.emplace("QXProfile.QuorvixDailyLogLimit", dice.oneOf<PropertyListValue>({5, 50}));
         if (dice.oneIn(3)) profile.emplace("QXProfile.QuorvixEnableSwivex", !dice.oneIn(4));
@@ -578,6 +586,7 @@ void Fleet::forgetConnections() {
 }
 
 void Fleet::restart(Dice& dice) {
+    if (world_.running() && (restartOneIn_ == 0 || !dice.oneIn(restartOneIn_))) return;
     if (dice.oneIn(2)) {
         world_.terminate();
     } else {

@@ -65,6 +65,8 @@ public:
     const std::vector<Region>& regions() const { return regions_; }
 
 private:
+    // What keeps the daemon running.
+    enum class Source : std::uint8_t { none, hang, memory, activation };
     struct Client {
         std::int32_t pid = 0;  // 0: no process
         std::optional<Connection> connection;
@@ -102,6 +104,10 @@ private:
     void post(Dice& dice);
 
     World& world_;
+    // What the seed makes of this run: the share of the restarts that take place, 0 for none, and the source that is
+    // never switched off, so that the daemon doesn't end every few hours because all are.
+    std::uint64_t restartOneIn_ = 0;
+    Source kept_ = Source::none;
     std::vector<Client> clients_;
     std::vector<Region> regions_;
     std::int32_t nextPid_ = 1000;
