@@ -13,14 +13,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::string_view kKindNames[] = {"start",     "watch",      "stop",    "work",    "rest",    "hang",
-                                           "fence",     "activation", "garbage", "death",   "lie",     "preference",
-                                           "profile",   "clock",      "zone",    "suspend", "unlock",  "pressure",
-                                           "processes", "fault",      "late",    "library", "restart", "listener"};
+constexpr std::string_view kKindNames[] = {
+    "start",    "watch",     "stop",  "work",       "rest",    "hang",    "fence",   "activation", "burst",
+    "garbage",  "death",     "lie",   "preference", "profile", "clock",   "zone",    "suspend",    "unlock",
+    "pressure", "processes", "fault", "late",       "library", "restart", "listener"};
 static_assert(std::size(kKindNames) == static_cast<std::size_t>(ActionKind::count));
 // How often each happens, of the sum of all.
-constexpr std::array<unsigned, std::size(kKindNames)> kWeights = {30, 40, 15, 160, 90, 60, 60, 110, 10, 14, 6, 12,
-                                                                  4,  5,  4,  5,   3,  10, 40, 30,  8,  2,  2, 2};
+constexpr std::array<unsigned, std::size(kKindNames)> kWeights = {30, 40, 15, 160, 90, 60, 60, 110, 1, 10, 14, 6, 12,
+                                                                  4,  5,  4,  5,   3,  10, 60, 30,  8, 2,  2,  2};
 
 constexpr std::string_view kPaths[] = {"/Applications/Mail.app/Mail",
                                        "/Applications/Maps.app/Maps",
@@ -144,7 +144,7 @@ void Fleet::apply(Action action) {
             break;
         }
         case ActionKind::watch: watch(pickAlive(dice), dice); break;
-        case ActionKind::stop: world_.send(*pickAlive(dice).connection, Message().number("command", 2)); break;
+        case ActionKind::stop: world_.send(pickAlive(dice).anyConnection(dice), Message().number("command", 2)); break;
         case ActionKind::work: work(pick(dice), dice); break;
         case ActionKind::rest: {
             Client& client = pick(dice);
@@ -158,6 +158,7 @@ void Fleet::apply(Action action) {
         case ActionKind::hang: hang(pickAlive(dice), dice); break;
         case ActionKind::fence: fence(pickAlive(dice), dice); break;
         case ActionKind::activation: activation(pickAlive(dice), dice); break;
+        case ActionKind::burst: burst(pickAlive(dice), dice); break;
         case ActionKind::garbage: garbage(pickAlive(dice), dice); break;
         case ActionKind::death: death(pick(dice), dice); break;
         case ActionKind::lie: lie(pick(dice), dice); break;
@@ -215,7 +216,7 @@ void Fleet::watch(Client& client, Dice& dice) {
     if (!dice.oneIn(8)) message.text("name", "client");
     if (dice.oneIn(20)) {
         if (dice.oneIn(2)) message.text("shmem", "not memory");
-        return world_.send(*client.connection, std::move(message));
+        return world_.send(client.anyConnection(dice), std::move(message));
     }
     const bool good = !dice.oneIn(6);
     if (!client.region.real || dice.oneIn(8) || !good) {
@@ -230,7 +231,7 @@ void Fleet::watch(Client& client, Dice& dice) {
     }
     if (dice.oneIn(30)) world_.removePath(client.pid);
     message.memory("shmem", client.region);
-    world_.send(*client.connection, std::move(message));
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
 void Fleet::work(Client& client, Dice& dice) {
@@ -267,7 +268,7 @@ void Fleet::hang(Client& client, Dice& dice) {
     }
     if (!dice.oneIn(10)) message.text("name", oneOf(kWorkNames, dice));
     if (!dice.oneIn(4)) message.flag("saveReport", true);
-    world_.send(*client.connection, std::move(message));
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
 void Fleet::fence(Client& client, Dice& dice) {
@@ -282,26 +283,62 @@ void Fleet::fence(Client& client, Dice& dice) {
         default:
             message.number("command", 8).number("startTime", now - dice.between(0, 200'000'000)).number("endTime", now);
     }
-    world_.send(*client.connection, std::move(message));
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
+// A begin and an end; or, as often, one of both that nothing belongs to.
 void Fleet::activation(Client& client, Dice& dice) {
+    if (dice.oneIn(4)) {
+        const std::int64_t pid = dice.oneIn(4) ? dice.oneOf<std::int64_t>({0, -1, 70000, 0x100000005}) : client.pid;
+        return endActivation(client, {pid, oneOf(kBundles, dice)}, dice);
+    }
+    const Begun begun = beginActivation(client, dice);
+    if (dice.oneIn(3)) return;
+    // A begin that nothing answers is given up after a minute.
+    const auto answer =
+        std::chrono::milliseconds(dice.oneIn(4) ? dice.between(59'000, 61'000) : dice.between(0, 90'000));
+    const Client* const sender = dice.oneIn(4) ? nullptr : &client;
+    world_.after(answer / 2, [this, dice]() mutable { processes(dice); });
+    world_.after(answer, [this, begun, sender, pid = client.pid, later = Dice(dice.word())]() mutable {
+        // The process that began it, or whoever there is.
+        for (Client& each : clients_) {
+            if (sender && (&each != sender || each.pid != pid)) continue;
+            if (each.alive() && each.connection && world_.running()) return endActivation(each, begun, later);
+        }
+    });
+}
+
+// More than the default limit of a day, at times.
+void Fleet::burst(Client& client, Dice& dice) {
+    const std::int64_t length = dice.between(20, 240);
+    for (std::int64_t i = 0; i < length; ++i) endActivation(client, beginActivation(client, dice), dice);
+}
+
+Fleet::Begun Fleet::beginActivation(Client& client, Dice& dice) {
     const std::uint64_t now = world_.wallMilliseconds();
     const std::uint64_t late = dice.oneOf<std::uint64_t>({0, 20, 199, 200, 2000});
-    const std::int64_t state = dice.oneIn(5) ? dice.oneOf<std::int64_t>({0, 2, 257, -1}) : 1;
-    const std::int64_t pid = dice.oneIn(10) ? dice.oneOf<std::int64_t>({0, -1, 70000, 0x100000005}) : client.pid;
+    const Begun begun{dice.oneIn(20) ? dice.oneOf<std::int64_t>({0, -1, 70000, 0x100000005}) : client.pid,
+                      oneOf(kBundles, dice)};
     Message message;
-    message.number("pid", pid).number("app-activation-state", state);
-    if (!dice.oneIn(20)) message.text("bundle-id", oneOf(kBundles, dice));
-    if (dice.oneIn(2)) {
-        message.number("command", 4).number("app-activation-type", dice.oneOf<std::int64_t>({0, 1, 1, 2, 257}));
-        if (!dice.oneIn(10)) message.unsignedNumber("startTime", now - late);
-        if (!dice.oneIn(10)) message.unsignedNumber("vexStartLatency", now - late + (dice.oneIn(20) ? 60000 : 0));
-    } else {
-        message.number("command", 5).number("app-activation-result", dice.oneOf<std::int64_t>({0, 1, 255, 256}));
-        if (!dice.oneIn(10)) message.unsignedNumber("endTime", now - late);
-    }
-    world_.send(*client.connection, std::move(message));
+    message.number("command", 4).number("pid", begun.pid);
+    message.number("app-activation-state", dice.oneIn(8) ? dice.oneOf<std::int64_t>({0, 2, 257, -1}) : 1);
+    message.number("app-activation-type", dice.oneOf<std::int64_t>({0, 1, 1, 2, 257}));
+    if (!dice.oneIn(20)) message.text("bundle-id", begun.bundle);
+    if (!dice.oneIn(10)) message.unsignedNumber("startTime", now - late);
+    if (!dice.oneIn(10)) message.unsignedNumber("vexStartLatency", now - late + (dice.oneIn(20) ? 60000 : 0));
+    world_.send(client.anyConnection(dice), std::move(message));
+    return begun;
+}
+
+void Fleet::endActivation(Client& client, const Begun& begun, Dice& dice) {
+    const std::uint64_t late = dice.oneOf<std::uint64_t>({0, 20, 199, 200, 2000});
+    Message message;
+    message.number("command", 5).number("pid", begun.pid);
+    message.number("app-activation-state", dice.oneIn(8) ? dice.oneOf<std::int64_t>({0, 2, 257, -1}) : 1);
+    message.number("app-activation-result", dice.oneOf<std::int64_t>({0, 1, 255, 256}));
+    if (!dice.oneIn(20)) message.text("bundle-id", begun.bundle);
+    if (!dice.oneIn(10)) message.unsignedNumber("endTime", world_.wallMilliseconds() - late);
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
 void Fleet::garbage(Client& client, Dice& dice) {
@@ -325,12 +362,19 @@ void Fleet::garbage(Client& client, Dice& dice) {
 void Fleet::death(Client& client, Dice& dice) {
     if (!client.alive()) return;
     if (dice.oneIn(4) && client.connection) {
-        // A second connection of the same process, and its end: the process is not watched any more.
-        const Connection second = world_.connect(client.pid);
-        return world_.die(second);
+        // A second connection of the same process, or its end: the process is not watched any more.
+        if (!client.second) {
+            client.second = world_.connect(client.pid);
+        } else {
+            world_.die(*client.second);
+            client.second.reset();
+        }
+        return;
     }
     if (client.connection) world_.die(*client.connection);
     client.connection.reset();
+    if (client.second) world_.die(*client.second);
+    client.second.reset();
     if (dice.oneIn(4)) return;  // the connection only
     world_.removePath(client.pid);
     std::erase_if(world_.device.processes.tasks, [&](const auto& task) { return task.pid == client.pid; });
@@ -342,8 +386,14 @@ void Fleet::death(Client& client, Dice& dice) {
 }
 
 void Fleet::everyoneDies() {
+    if (world_.model().listenerGone()) {
+        // It would not hear of it.
+        world_.kill();
+        forgetConnections();
+    }
     for (Client& client : clients_) {
         if (client.connection) world_.die(*client.connection);
+        if (client.second) world_.die(*client.second);
         client = {};
     }
     regions_.clear();
@@ -472,19 +522,51 @@ void Fleet::pressure(Dice& dice) {
 }
 
 void Fleet::processes(Dice& dice) {
-    for (auto& task : world_.device.processes.tasks) {
-        if (dice.oneIn(2)) continue;
-        const bool reused = dice.oneIn(30);
-        if (reused) task.usage = {};
-        task.usageFails = dice.oneIn(20);
-        task.usage.userTime += dice.below(dice.oneIn(3) ? 400'000'000 : 1'000'000) + 1;
+    auto& tasks = world_.device.processes.tasks;
+    // Differences on both sides of the thresholds that preferences choose, at 24 MHz: 0.5, 1, 50 and 1000 ms.
+    const auto ticks = [&]() -> std::uint64_t {
+        switch (dice.below(6)) {
+            case 0: return 0;
+            case 1: return dice.oneOf<std::uint64_t>({23'999, 24'000, 1'199'999, 1'200'000, 24'000'000});
+            case 2: return dice.oneOf<std::uint64_t>({12'000, 47'999, 48'000, 1'223'999, 1'224'000, 24'024'000});
+            case 3: return dice.below(100'000'000);
+            default: return dice.below(3'000'000);
+        }
+    };
+    for (auto& task : tasks) {
+        if (dice.oneIn(4)) continue;
+        // The order of the figures is over their low halves and wraps: they stay near enough to have one.
+        constexpr std::uint64_t kMost = 1'500'000'000;
+        if (dice.oneIn(30) || (task.usage.userTime & UINT32_MAX) > kMost) task.usage = {};  // a new process
+        task.usageFails = dice.oneIn(40);
+        if (dice.oneIn(20)) task.name = dice.oneIn(2) ? "" : dice.oneIn(3) ? "vexproxy" : print("app%d", task.pid);
+        task.usage.userTime += ticks();
         task.usage.systemTime += dice.below(1'000'000);
-        task.usage.legacyTime += dice.below(1'000'000);
+        task.usage.legacyTime += ticks();
         task.usage.userInteractiveTime += dice.below(1'000'000);
+        task.usage.userInitiatedTime += dice.below(1'000'000);
+        task.usage.utilityTime += dice.below(1'000'000);
+        task.usage.maintenanceTime += dice.below(1'000'000);
+        task.usage.backgroundTime += dice.below(1'000'000);
         task.usage.unspecifiedTime += dice.below(1'000'000);
         task.usage.diskBytesRead += dice.below(10'000'000);
         task.usage.diskBytesWritten += dice.below(10'000'000);
         task.usage.pageIns += dice.below(1000);
+    }
+    // Processes that nobody watches come and go, with pids below and above those of all clients.
+    constexpr std::int32_t kFirst = 500, kLast = 31'000;
+    const auto passing = [](const auto& task) { return task.pid >= kFirst && task.pid < 1000; };
+    const auto oldest =
+        std::ranges::find_if(tasks, [&](const auto& task) { return passing(task) || task.pid > 30'000; });
+    if (oldest != tasks.end() && dice.oneIn(3)) tasks.erase(oldest);
+    if (tasks.size() < 24 && dice.oneIn(2)) {
+        const auto pid =
+            static_cast<std::int32_t>(dice.oneIn(8) ? dice.between(30'001, kLast) : dice.between(kFirst, 999));
+        if (std::ranges::any_of(tasks, [&](const auto& task) { return task.pid == pid; })) return;
+        auto& task = tasks.emplace_back();
+        task.pid = pid;
+        task.name = print("passing%d", pid);
+        task.usage.userTime = dice.oneOf<std::uint64_t>({0, 1'300'000, std::uint64_t{1} << 32});
     }
 }
 
@@ -505,7 +587,6 @@ void Fleet::fault(Dice& dice) {
                                       {Op::replaceFile, kFails | kSlow},
                                       {Op::statusPath, kFails},
                                       {Op::makeDirectory, kFails},
-                                      {Op::unlinkPath, kFails},
                                       {Op::dump, kFails | kShort | kSlow},
                                       {Op::dump, kFails | kShort | kSlow},
                                       {Op::dump, kFails | kShort | kSlow},
@@ -568,6 +649,11 @@ void Fleet::late(Dice& dice) {
 
 void Fleet::startDaemon(Dice& dice) {
     forgetConnections();
+    // Something in the way of a folder; after the first start only, for it may stay for the rest of the process.
+    if (world_.starts > 0 && dice.oneIn(4)) {
+        world_.device.files.addFile(dice.oneOf<std::string_view>({kCaches, kTmp, kSpool, kTmp, kSpool}), "in the way");
+        if (dice.oneIn(3)) world_.faults.arm(Op::unlinkPath, 0, {.error = ErrorCode{EACCES}});
+    }
     world_.start();
     if (!world_.running()) return;
     for (Client& client : clients_) {
@@ -582,7 +668,10 @@ void Fleet::startDaemon(Dice& dice) {
 }
 
 void Fleet::forgetConnections() {
-    for (Client& client : clients_) client.connection.reset();
+    for (Client& client : clients_) {
+        client.connection.reset();
+        client.second.reset();
+    }
 }
 
 void Fleet::restart(Dice& dice) {
@@ -604,9 +693,20 @@ void Fleet::restart(Dice& dice) {
 }
 
 void Fleet::listener(Dice& dice) {
-    const std::int32_t pid = dice.oneIn(3) ? pick(dice).pid : 0;
-    const auto kind = dice.oneOf<MessageEventKind>(
-        {MessageEventKind::errorConnectionInterrupted, MessageEventKind::errorOther, MessageEventKind::other});
+    // A pid that is watched is not watched any more then.
+    const std::int32_t pid = dice.oneIn(3) ? 0 : pick(dice).pid;
+    if (dice.oneIn(restartOneIn_ == 1 ? 4 : 32)) {
+        // The last that the listener hears. Somebody notices, and starts the daemon again.
+        world_.listenerError(MessageEventKind::errorConnectionInvalid, "some error", pid);
+        world_.after(std::chrono::seconds(dice.between(0, 600)), [this, later = Dice(dice.word())]() mutable {
+            world_.kill();
+            startDaemon(later);
+        });
+        return;
+    }
+    const auto kind = dice.oneOf<MessageEventKind>({MessageEventKind::errorConnectionInterrupted,
+                                                    MessageEventKind::errorTerminationImminent,
+                                                    MessageEventKind::errorOther, MessageEventKind::other});
     world_.listenerError(kind, "some error", pid);
 }
 
