@@ -97,11 +97,19 @@ void Fleet::setUp(Dice dice) {
     kept_ = dice.oneOf<Source>(
         {Source::none, Source::hang, Source::memory, Source::memory, Source::activation, Source::activation});
     world_.debugLines = dice.oneIn(4);
-    world_.setInternalBuild(dice.oneIn(3));
+    world_.setInternalBuild(dice.oneIn(2));
     world_.device.renderServer.setPort(dice.oneIn(3) ? 7 : 0);
     world_.setPreference("com.norvane.da", "QuorvixEnabled", true);
     world_.setPreference("com.norvane.da", "QuorvixEnableSwivex", true);
     world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging", true);
+    // A daemon that lives for days soon has no credits left where nobody gives it more.
+    if (!dice.oneIn(3)) {
+        world_.setPreference("com.norvane.da", "QuorvixReportPeriod", dice.oneOf<PropertyListValue>({60, 600, 3600}));
+    }
+    if (!dice.oneIn(3)) world_.setPreference("com.norvane.da", "QuorvixDailyLogLimit", 1000);
+    if (dice.oneIn(2)) {
+        world_.setPreference("com.norvane.da", "QuorvixAppActivationLoggingMaxActivationCount", 40);
+    }
     world_.setPreference("com.norvane.da", "QuorvixEnableMemoryLogging", dice.oneIn(2) || kept_ == Source::memory);
     world_.setPreference("com.norvane.da", "QuorvixEnableHUD", dice.oneIn(2));
     auto& kernel = world_.device.kernelMemory;
@@ -280,13 +288,15 @@ void Fleet::fence(Client& client, Dice& dice) {
         case 1: message.number("command", 6).number("name", name).number("startTime", now); break;
         case 2:
         case 3: message.number("command", 7).number("name", name).number("endTime", now); break;
-        default:
+        default: {
             message.number("command", 8).number("startTime", now - dice.between(0, 200'000'000)).number("endTime", now);
+            // One more while the first one's capture waits.
+            if (dice.oneIn(3)) world_.send(client.anyConnection(dice), Message(message));
+        }
     }
     world_.send(client.anyConnection(dice), std::move(message));
 }
 
-// A begin and an end; or, as often, one of both that nothing belongs to.
 void Fleet::activation(Client& client, Dice& dice) {
     if (dice.oneIn(4)) {
         const std::int64_t pid = dice.oneIn(4) ? dice.oneOf<std::int64_t>({0, -1, 70000, 0x100000005}) : client.pid;
@@ -310,7 +320,7 @@ void Fleet::activation(Client& client, Dice& dice) {
 
 // More than the default limit of a day, at times.
 void Fleet::burst(Client& client, Dice& dice) {
-    const std::int64_t length = dice.between(20, 240);
+    const std::int64_t length = dice.oneIn(2) ? dice.between(200, 220) : dice.between(2, 60);
     for (std::int64_t i = 0; i < length; ++i) endActivation(client, beginActivation(client, dice), dice);
 }
 
@@ -423,15 +433,15 @@ void Fleet::preference(Dice& dice) {
         world_.setPreference("com.norvane.da", key, std::move(value));
     };
     switch (dice.below(12)) {
-        case 0: set("QuorvixEnabled", !dice.oneIn(3) || kept_ == Source::hang); break;
+        case 0: set("QuorvixEnabled", !dice.oneIn(5) || kept_ == Source::hang); break;
         case 1:
             set("QuorvixReportPeriod",
-                dice.oneOf<PropertyListValue>({60, 3600, 14400, 0.5, 0, -5, 1e30, "text", true}));
+                dice.oneOf<PropertyListValue>({60, 60, 600, 3600, 14400, 0.5, 0, -5, 1e30, "text", true}));
             break;
         case 2:
         case 3:
-            set("QuorvixDailyLogLimit",
-                dice.oneOf<PropertyListValue>({25, 10, 3, 0, -4, 1000, 1000, std::int64_t{0x7FFFFFFF}, 12.9, "no"}));
+            set("QuorvixDailyLogLimit", dice.oneOf<PropertyListValue>({25, 10, 3, 0, -4, 1000, 1000, 1000, 1000,
+                                                                       std::int64_t{0x7FFFFFFF}, 12.9, "no"}));
             break;
         case 4:
             set("QuorvixEnableSwivex", dice.oneIn(4) ? std::nullopt : std::optional<PropertyListValue>(!dice.oneIn(4)));
@@ -449,7 +459,7 @@ void Fleet::preference(Dice& dice) {
         }
         case 9:
             set("QuorvixAppActivationLoggingMaxActivationCount",
-                dice.oneOf<PropertyListValue>({200, 0, 5, 100000, -1}));
+                dice.oneOf<PropertyListValue>({200, 0, 5, 40, 100000, -1}));
             break;
         case 10:
             set("QuorvixAppActivationLoggingCPUUtilizationThreshold",
@@ -684,7 +694,7 @@ void Fleet::restart(Dice& dice) {
     forgetConnections();
     if (dice.oneIn(2)) {
         // Another build of the system.
-        world_.setInternalBuild(dice.oneIn(3));
+        world_.setInternalBuild(dice.oneIn(2));
         world_.device.renderServer.setPort(dice.oneIn(3) ? 7 : 0);
         world_.setSignposts(!dice.oneIn(4));
         world_.debugLines = dice.oneIn(4);

@@ -1,6 +1,7 @@
 #include "simulate/Simulation.h"
 
 #include <algorithm>
+#include <array>
 
 #include "simulate/Checkers.h"
 #include "simulate/Text.h"
@@ -46,6 +47,7 @@ public:
             moveTo(moment);
             outcome.failedAfterAction = index;
             outcome.actions.push_back(index);
+            ++actionsOf_[static_cast<std::size_t>(action.kind)];
             if (journals())
                 journal_.line(print("%s action %llu %s", time().c_str(), ull(index), nameOf(action.kind).data()));
             const std::uint64_t starts = world_.starts;
@@ -118,6 +120,7 @@ private:
     Checkers checkers_;
     std::chrono::nanoseconds begin_;
     std::uint64_t dailyResets_ = 0;
+    std::array<std::uint64_t, static_cast<std::size_t>(ActionKind::count)> actionsOf_{};
 };
 
 }  // namespace
