@@ -131,10 +131,11 @@ TEST(Reach, EveryTextOfTheModelIsWrittenInSomeRun) {
     journal.onLine = [&](std::string_view line) {
         std::erase_if(missing, [&](const Text& text) { return occursIn(text, line); });
     };
-    // The first see most; the last have many restarts, files in the way, and a day in one process.
+    // Chosen by what they reach together: many restarts, files in the way, a day in one process. Where the actions
+    // change, others may be needed.
     struct {
         std::uint64_t seed, hours;
-    } constexpr kRuns[] = {{1, 12}, {2, 12}, {3, 12}, {4, 12}, {5, 12}, {10, 48}, {34, 48}};
+    } constexpr kRuns[] = {{3, 8}, {9, 8}, {10, 8}, {34, 34}, {1, 8}, {5, 8}, {27, 8}};
     for (const auto& [seed, hours] : kRuns) {
         if (missing.size() == kUnreachable.size()) break;
         const Outcome outcome = simulate({.seed = seed, .minutes = 60 * hours}, journal);
