@@ -13,14 +13,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::string_view kKindNames[] = {"start",     "watch",      "stop",    "work",    "rest",    "hang",
-                                           "fence",     "activation", "garbage", "death",   "lie",     "preference",
-                                           "profile",   "clock",      "zone",    "suspend", "unlock",  "pressure",
-                                           "processes", "fault",      "late",    "library", "restart", "listener"};
+constexpr std::string_view kKindNames[] = {
+    "start",    "watch",     "stop",  "work",       "rest",    "hang",    "fence",   "activation", "burst",
+    "garbage",  "death",     "lie",   "preference", "profile", "clock",   "zone",    "suspend",    "unlock",
+    "pressure", "processes", "fault", "late",       "library", "restart", "listener"};
 static_assert(std::size(kKindNames) == static_cast<std::size_t>(ActionKind::count));
 // How often each happens, of the sum of all.
-constexpr std::array<unsigned, std::size(kKindNames)> kWeights = {30, 40, 15, 160, 90, 60, 60, 110, 10, 14, 6, 12,
-                                                                  4,  5,  4,  5,   3,  10, 40, 30,  8,  2,  2, 2};
+constexpr std::array<unsigned, std::size(kKindNames)> kWeights = {30, 40, 15, 160, 90, 60, 60, 110, 1, 10, 14, 6, 12,
+                                                                  4,  5,  4,  5,   3,  10, 60, 30,  8, 2,  2,  2};
 
 constexpr std::string_view kPaths[] = {"/Applications/Mail.app/Mail",
                                        "/Applications/Maps.app/Maps",
@@ -91,13 +91,26 @@ Action actionOf(std::uint64_t seed, std::uint64_t index) {
 Fleet::Fleet(World& world, std::uint64_t clients) : world_(world), clients_(clients) {}
 
 void Fleet::setUp(Dice dice) {
+    // Rules that need a day of one process are reached only where a run lets it live: of eight runs four restart it by
+    // themselves never, two every few days, one daily, one many times a day.
+    restartOneIn_ = dice.oneOf<std::uint64_t>({0, 0, 0, 0, 40, 24, 8, 1});
+    kept_ = dice.oneOf<Source>(
+        {Source::none, Source::hang, Source::memory, Source::memory, Source::activation, Source::activation});
     world_.debugLines = dice.oneIn(4);
-    world_.setInternalBuild(dice.oneIn(3));
+    world_.setInternalBuild(dice.oneIn(2));
     world_.device.renderServer.setPort(dice.oneIn(3) ? 7 : 0);
     world_.setPreference("com.norvane.da", "QuorvixEnabled", true);
     world_.setPreference("com.norvane.da", "QuorvixEnableSwivex", true);
     world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging", true);
-    world_.setPreference("com.norvane.da", "QuorvixEnableMemoryLogging", dice.oneIn(2));
+    // A daemon that lives for days soon has no credits left where nobody gives it more.
+    if (!dice.oneIn(3)) {
+        world_.setPreference("com.norvane.da", "QuorvixReportPeriod", dice.oneOf<PropertyListValue>({60, 600, 3600}));
+    }
+    if (!dice.oneIn(3)) world_.setPreference("com.norvane.da", "QuorvixDailyLogLimit", 1000);
+    if (dice.oneIn(2)) {
+        world_.setPreference("com.norvane.da", "QuorvixAppActivationLoggingMaxActivationCount", 40);
+    }
+    world_.setPreference("com.norvane.da", "QuorvixEnableMemoryLogging", dice.oneIn(2) || kept_ == Source::memory);
     world_.setPreference("com.norvane.da", "QuorvixEnableHUD", dice.oneIn(2));
     auto& kernel = world_.device.kernelMemory;
     kernel.memory.zones = {{"kalloc.16", 409600}, {"vm objects", 4095}, {"empty", 0}};
@@ -139,7 +152,7 @@ void Fleet::apply(Action action) {
             break;
         }
         case ActionKind::watch: watch(pickAlive(dice), dice); break;
-        case ActionKind::stop: world_.send(*pickAlive(dice).connection, Message().number("command", 2)); break;
+        case ActionKind::stop: world_.send(pickAlive(dice).anyConnection(dice), Message().number("command", 2)); break;
         case ActionKind::work: work(pick(dice), dice); break;
         case ActionKind::rest: {
             Client& client = pick(dice);
@@ -153,6 +166,7 @@ void Fleet::apply(Action action) {
         case ActionKind::hang: hang(pickAlive(dice), dice); break;
         case ActionKind::fence: fence(pickAlive(dice), dice); break;
         case ActionKind::activation: activation(pickAlive(dice), dice); break;
+        case ActionKind::burst: burst(pickAlive(dice), dice); break;
         case ActionKind::garbage: garbage(pickAlive(dice), dice); break;
         case ActionKind::death: death(pick(dice), dice); break;
         case ActionKind::lie: lie(pick(dice), dice); break;
@@ -210,7 +224,7 @@ void Fleet::watch(Client& client, Dice& dice) {
     if (!dice.oneIn(8)) message.text("name", "client");
     if (dice.oneIn(20)) {
         if (dice.oneIn(2)) message.text("shmem", "not memory");
-        return world_.send(*client.connection, std::move(message));
+        return world_.send(client.anyConnection(dice), std::move(message));
     }
     const bool good = !dice.oneIn(6);
     if (!client.region.real || dice.oneIn(8) || !good) {
@@ -225,7 +239,7 @@ void Fleet::watch(Client& client, Dice& dice) {
     }
     if (dice.oneIn(30)) world_.removePath(client.pid);
     message.memory("shmem", client.region);
-    world_.send(*client.connection, std::move(message));
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
 void Fleet::work(Client& client, Dice& dice) {
@@ -262,7 +276,7 @@ void Fleet::hang(Client& client, Dice& dice) {
     }
     if (!dice.oneIn(10)) message.text("name", oneOf(kWorkNames, dice));
     if (!dice.oneIn(4)) message.flag("saveReport", true);
-    world_.send(*client.connection, std::move(message));
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
 void Fleet::fence(Client& client, Dice& dice) {
@@ -274,29 +288,67 @@ void Fleet::fence(Client& client, Dice& dice) {
         case 1: message.number("command", 6).number("name", name).number("startTime", now); break;
         case 2:
         case 3: message.number("command", 7).number("name", name).number("endTime", now); break;
-        default:
+        default: {
             message.number("command", 8).number("startTime", now - dice.between(0, 200'000'000)).number("endTime", now);
+            // One more while the first one's capture waits.
+            if (dice.oneIn(3)) world_.send(client.anyConnection(dice), Message(message));
+        }
     }
-    world_.send(*client.connection, std::move(message));
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
 void Fleet::activation(Client& client, Dice& dice) {
+    if (dice.oneIn(4)) {
+        const std::int64_t pid = dice.oneIn(4) ? dice.oneOf<std::int64_t>({0, -1, 70000, 0x100000005}) : client.pid;
+        return endActivation(client, {pid, oneOf(kBundles, dice)}, dice);
+    }
+    const Begun begun = beginActivation(client, dice);
+    if (dice.oneIn(3)) return;
+    // A begin that nothing answers is given up after a minute.
+    const auto answer =
+        std::chrono::milliseconds(dice.oneIn(4) ? dice.between(59'000, 61'000) : dice.between(0, 90'000));
+    const Client* const sender = dice.oneIn(4) ? nullptr : &client;
+    world_.after(answer / 2, [this, dice]() mutable { processes(dice); });
+    world_.after(answer, [this, begun, sender, pid = client.pid, later = Dice(dice.word())]() mutable {
+        // The process that began it, or whoever there is.
+        for (Client& each : clients_) {
+            if (sender && (&each != sender || each.pid != pid)) continue;
+            if (each.alive() && each.connection && world_.running()) return endActivation(each, begun, later);
+        }
+    });
+}
+
+// More than the default limit of a day, at times.
+void Fleet::burst(Client& client, Dice& dice) {
+    const std::int64_t length = dice.oneIn(2) ? dice.between(200, 220) : dice.between(2, 60);
+    for (std::int64_t i = 0; i < length; ++i) endActivation(client, beginActivation(client, dice), dice);
+}
+
+Fleet::Begun Fleet::beginActivation(Client& client, Dice& dice) {
     const std::uint64_t now = world_.wallMilliseconds();
     const std::uint64_t late = dice.oneOf<std::uint64_t>({0, 20, 199, 200, 2000});
-    const std::int64_t state = dice.oneIn(5) ? dice.oneOf<std::int64_t>({0, 2, 257, -1}) : 1;
-    const std::int64_t pid = dice.oneIn(10) ? dice.oneOf<std::int64_t>({0, -1, 70000, 0x100000005}) : client.pid;
+    const Begun begun{dice.oneIn(20) ? dice.oneOf<std::int64_t>({0, -1, 70000, 0x100000005}) : client.pid,
+                      oneOf(kBundles, dice)};
     Message message;
-    message.number("pid", pid).number("app-activation-state", state);
-    if (!dice.oneIn(20)) message.text("bundle-id", oneOf(kBundles, dice));
-    if (dice.oneIn(2)) {
-        message.number("command", 4).number("app-activation-type", dice.oneOf<std::int64_t>({0, 1, 1, 2, 257}));
-        if (!dice.oneIn(10)) message.unsignedNumber("startTime", now - late);
-        if (!dice.oneIn(10)) message.unsignedNumber("vexStartLatency", now - late + (dice.oneIn(20) ? 60000 : 0));
-    } else {
-        message.number("command", 5).number("app-activation-result", dice.oneOf<std::int64_t>({0, 1, 255, 256}));
-        if (!dice.oneIn(10)) message.unsignedNumber("endTime", now - late);
-    }
-    world_.send(*client.connection, std::move(message));
+    message.number("command", 4).number("pid", begun.pid);
+    message.number("app-activation-state", dice.oneIn(8) ? dice.oneOf<std::int64_t>({0, 2, 257, -1}) : 1);
+    message.number("app-activation-type", dice.oneOf<std::int64_t>({0, 1, 1, 2, 257}));
+    if (!dice.oneIn(20)) message.text("bundle-id", begun.bundle);
+    if (!dice.oneIn(10)) message.unsignedNumber("startTime", now - late);
+    if (!dice.oneIn(10)) message.unsignedNumber("vexStartLatency", now - late + (dice.oneIn(20) ? 60000 : 0));
+    world_.send(client.anyConnection(dice), std::move(message));
+    return begun;
+}
+
+void Fleet::endActivation(Client& client, const Begun& begun, Dice& dice) {
+    const std::uint64_t late = dice.oneOf<std::uint64_t>({0, 20, 199, 200, 2000});
+    Message message;
+    message.number("command", 5).number("pid", begun.pid);
+    message.number("app-activation-state", dice.oneIn(8) ? dice.oneOf<std::int64_t>({0, 2, 257, -1}) : 1);
+    message.number("app-activation-result", dice.oneOf<std::int64_t>({0, 1, 255, 256}));
+    if (!dice.oneIn(20)) message.text("bundle-id", begun.bundle);
+    if (!dice.oneIn(10)) message.unsignedNumber("endTime", world_.wallMilliseconds() - late);
+    world_.send(client.anyConnection(dice), std::move(message));
 }
 
 void Fleet::garbage(Client& client, Dice& dice) {
@@ -320,12 +372,19 @@ void Fleet::garbage(Client& client, Dice& dice) {
 void Fleet::death(Client& client, Dice& dice) {
     if (!client.alive()) return;
     if (dice.oneIn(4) && client.connection) {
-        // A second connection of the same process, and its end: the process is not watched any more.
-        const Connection second = world_.connect(client.pid);
-        return world_.die(second);
+        // A second connection of the same process, or its end: the process is not watched any more.
+        if (!client.second) {
+            client.second = world_.connect(client.pid);
+        } else {
+            world_.die(*client.second);
+            client.second.reset();
+        }
+        return;
     }
     if (client.connection) world_.die(*client.connection);
     client.connection.reset();
+    if (client.second) world_.die(*client.second);
+    client.second.reset();
     if (dice.oneIn(4)) return;  // the connection only
     world_.removePath(client.pid);
     std::erase_if(world_.device.processes.tasks, [&](const auto& task) { return task.pid == client.pid; });
@@ -337,8 +396,14 @@ void Fleet::death(Client& client, Dice& dice) {
 }
 
 void Fleet::everyoneDies() {
+    if (world_.model().listenerGone()) {
+        // It would not hear of it.
+        world_.kill();
+        forgetConnections();
+    }
     for (Client& client : clients_) {
         if (client.connection) world_.die(*client.connection);
+        if (client.second) world_.die(*client.second);
         client = {};
     }
     regions_.clear();
@@ -368,31 +433,33 @@ void Fleet::preference(Dice& dice) {
         world_.setPreference("com.norvane.da", key, std::move(value));
     };
     switch (dice.below(12)) {
-        case 0: set("QuorvixEnabled", !dice.oneIn(3)); break;
+        case 0: set("QuorvixEnabled", !dice.oneIn(5) || kept_ == Source::hang); break;
         case 1:
             set("QuorvixReportPeriod",
-                dice.oneOf<PropertyListValue>({60, 3600, 14400, 0.5, 0, -5, 1e30, "text", true}));
+                dice.oneOf<PropertyListValue>({60, 60, 600, 3600, 14400, 0.5, 0, -5, 1e30, "text", true}));
             break;
         case 2:
         case 3:
-            set("QuorvixDailyLogLimit",
-                dice.oneOf<PropertyListValue>({25, 10, 3, 0, -4, 1000, 1000, std::int64_t{0x7FFFFFFF}, 12.9, "no"}));
+            set("QuorvixDailyLogLimit", dice.oneOf<PropertyListValue>({25, 10, 3, 0, -4, 1000, 1000, 1000, 1000,
+                                                                       std::int64_t{0x7FFFFFFF}, 12.9, "no"}));
             break;
         case 4:
             set("QuorvixEnableSwivex", dice.oneIn(4) ? std::nullopt : std::optional<PropertyListValue>(!dice.oneIn(4)));
             break;
         case 5: set("QuorvixEnableHUD", dice.oneOf<PropertyListValue>({true, true, false, "no"})); break;
-        case 6: set("QuorvixEnableMemoryLogging", dice.oneIn(2)); break;
+        case 6: set("QuorvixEnableMemoryLogging", dice.oneIn(2) || kept_ == Source::memory); break;
         case 7:
             set("QuorvixMemoryLoggingInterval", dice.oneOf<PropertyListValue>({600, 3600, 7200, 86400, "text"}));
             break;
-        case 8:
-            world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging",
-                                 dice.oneOf<PropertyListValue>({true, true, 1, 0.0, "yes", false}));
+        case 8: {
+            auto value = dice.oneOf<PropertyListValue>({true, true, 1, 0.0, "yes", false});
+            if (kept_ == Source::activation) value = true;
+            world_.setPreference("com.norvane.quorvix", "QuorvixEnableAppActivationLogging", std::move(value));
             break;
+        }
         case 9:
             set("QuorvixAppActivationLoggingMaxActivationCount",
-                dice.oneOf<PropertyListValue>({200, 0, 5, 100000, -1}));
+                dice.oneOf<PropertyListValue>({200, 0, 5, 40, 100000, -1}));
             break;
         case 10:
             set("QuorvixAppActivationLoggingCPUUtilizationThreshold",
@@ -415,7 +482,8 @@ void Fleet::profile(Dice& dice) {
     } else {
         PropertyListDictionary profile;
         if (dice.oneIn(3))
-            profile.emplace("QXProfile.QuorvixEnabled", dice.oneOf<PropertyListValue>({true, 1, "no", false}));
+            profile.emplace("QXProfile.QuorvixEnabled",
+                            dice.oneOf<PropertyListValue>({true, 1, "no", kept_ == Source::hang}));
         if (dice.oneIn(3)) profile.emplace("QXProfile.QuorvixReportPeriod", dice.oneOf<PropertyListValue>({600, 7200}));
         if (dice.oneIn(3)) profile.emplace("QXProfile.QuorvixDailyLogLimit", dice.oneOf<PropertyListValue>({5, 50}));
         if (dice.oneIn(3)) profile.emplace("QXProfile.QuorvixEnableSwivex", !dice.oneIn(4));
@@ -464,19 +532,51 @@ void Fleet::pressure(Dice& dice) {
 }
 
 void Fleet::processes(Dice& dice) {
-    for (auto& task : world_.device.processes.tasks) {
-        if (dice.oneIn(2)) continue;
-        const bool reused = dice.oneIn(30);
-        if (reused) task.usage = {};
-        task.usageFails = dice.oneIn(20);
-        task.usage.userTime += dice.below(dice.oneIn(3) ? 400'000'000 : 1'000'000) + 1;
+    auto& tasks = world_.device.processes.tasks;
+    // Differences on both sides of the thresholds that preferences choose, at 24 MHz: 0.5, 1, 50 and 1000 ms.
+    const auto ticks = [&]() -> std::uint64_t {
+        switch (dice.below(6)) {
+            case 0: return 0;
+            case 1: return dice.oneOf<std::uint64_t>({23'999, 24'000, 1'199'999, 1'200'000, 24'000'000});
+            case 2: return dice.oneOf<std::uint64_t>({12'000, 47'999, 48'000, 1'223'999, 1'224'000, 24'024'000});
+            case 3: return dice.below(100'000'000);
+            default: return dice.below(3'000'000);
+        }
+    };
+    for (auto& task : tasks) {
+        if (dice.oneIn(4)) continue;
+        // The order of the figures is over their low halves and wraps: they stay near enough to have one.
+        constexpr std::uint64_t kMost = 1'500'000'000;
+        if (dice.oneIn(30) || (task.usage.userTime & UINT32_MAX) > kMost) task.usage = {};  // a new process
+        task.usageFails = dice.oneIn(40);
+        if (dice.oneIn(20)) task.name = dice.oneIn(2) ? "" : dice.oneIn(3) ? "vexproxy" : print("app%d", task.pid);
+        task.usage.userTime += ticks();
         task.usage.systemTime += dice.below(1'000'000);
-        task.usage.legacyTime += dice.below(1'000'000);
+        task.usage.legacyTime += ticks();
         task.usage.userInteractiveTime += dice.below(1'000'000);
+        task.usage.userInitiatedTime += dice.below(1'000'000);
+        task.usage.utilityTime += dice.below(1'000'000);
+        task.usage.maintenanceTime += dice.below(1'000'000);
+        task.usage.backgroundTime += dice.below(1'000'000);
         task.usage.unspecifiedTime += dice.below(1'000'000);
         task.usage.diskBytesRead += dice.below(10'000'000);
         task.usage.diskBytesWritten += dice.below(10'000'000);
         task.usage.pageIns += dice.below(1000);
+    }
+    // Processes that nobody watches come and go, with pids below and above those of all clients.
+    constexpr std::int32_t kFirst = 500, kLast = 31'000;
+    const auto passing = [](const auto& task) { return task.pid >= kFirst && task.pid < 1000; };
+    const auto oldest =
+        std::ranges::find_if(tasks, [&](const auto& task) { return passing(task) || task.pid > 30'000; });
+    if (oldest != tasks.end() && dice.oneIn(3)) tasks.erase(oldest);
+    if (tasks.size() < 24 && dice.oneIn(2)) {
+        const auto pid =
+            static_cast<std::int32_t>(dice.oneIn(8) ? dice.between(30'001, kLast) : dice.between(kFirst, 999));
+        if (std::ranges::any_of(tasks, [&](const auto& task) { return task.pid == pid; })) return;
+        auto& task = tasks.emplace_back();
+        task.pid = pid;
+        task.name = print("passing%d", pid);
+        task.usage.userTime = dice.oneOf<std::uint64_t>({0, 1'300'000, std::uint64_t{1} << 32});
     }
 }
 
@@ -497,7 +597,6 @@ void Fleet::fault(Dice& dice) {
                                       {Op::replaceFile, kFails | kSlow},
                                       {Op::statusPath, kFails},
                                       {Op::makeDirectory, kFails},
-                                      {Op::unlinkPath, kFails},
                                       {Op::dump, kFails | kShort | kSlow},
                                       {Op::dump, kFails | kShort | kSlow},
                                       {Op::dump, kFails | kShort | kSlow},
@@ -560,6 +659,11 @@ void Fleet::late(Dice& dice) {
 
 void Fleet::startDaemon(Dice& dice) {
     forgetConnections();
+    // Something in the way of a folder; after the first start only, for it may stay for the rest of the process.
+    if (world_.starts > 0 && dice.oneIn(4)) {
+        world_.device.files.addFile(dice.oneOf<std::string_view>({kCaches, kTmp, kSpool, kTmp, kSpool}), "in the way");
+        if (dice.oneIn(3)) world_.faults.arm(Op::unlinkPath, 0, {.error = ErrorCode{EACCES}});
+    }
     world_.start();
     if (!world_.running()) return;
     for (Client& client : clients_) {
@@ -574,10 +678,14 @@ void Fleet::startDaemon(Dice& dice) {
 }
 
 void Fleet::forgetConnections() {
-    for (Client& client : clients_) client.connection.reset();
+    for (Client& client : clients_) {
+        client.connection.reset();
+        client.second.reset();
+    }
 }
 
 void Fleet::restart(Dice& dice) {
+    if (world_.running() && (restartOneIn_ == 0 || !dice.oneIn(restartOneIn_))) return;
     if (dice.oneIn(2)) {
         world_.terminate();
     } else {
@@ -586,7 +694,7 @@ void Fleet::restart(Dice& dice) {
     forgetConnections();
     if (dice.oneIn(2)) {
         // Another build of the system.
-        world_.setInternalBuild(dice.oneIn(3));
+        world_.setInternalBuild(dice.oneIn(2));
         world_.device.renderServer.setPort(dice.oneIn(3) ? 7 : 0);
         world_.setSignposts(!dice.oneIn(4));
         world_.debugLines = dice.oneIn(4);
@@ -595,9 +703,20 @@ void Fleet::restart(Dice& dice) {
 }
 
 void Fleet::listener(Dice& dice) {
-    const std::int32_t pid = dice.oneIn(3) ? pick(dice).pid : 0;
-    const auto kind = dice.oneOf<MessageEventKind>(
-        {MessageEventKind::errorConnectionInterrupted, MessageEventKind::errorOther, MessageEventKind::other});
+    // A pid that is watched is not watched any more then.
+    const std::int32_t pid = dice.oneIn(3) ? 0 : pick(dice).pid;
+    if (dice.oneIn(restartOneIn_ == 1 ? 4 : 32)) {
+        // The last that the listener hears. Somebody notices, and starts the daemon again.
+        world_.listenerError(MessageEventKind::errorConnectionInvalid, "some error", pid);
+        world_.after(std::chrono::seconds(dice.between(0, 600)), [this, later = Dice(dice.word())]() mutable {
+            world_.kill();
+            startDaemon(later);
+        });
+        return;
+    }
+    const auto kind = dice.oneOf<MessageEventKind>({MessageEventKind::errorConnectionInterrupted,
+                                                    MessageEventKind::errorTerminationImminent,
+                                                    MessageEventKind::errorOther, MessageEventKind::other});
     world_.listenerError(kind, "some error", pid);
 }
 

@@ -22,6 +22,7 @@ enum class ActionKind : std::uint8_t {
     hang,        // reports a hang by itself
     fence,       // begins, ends or blows a fence
     activation,  // an activation begins or ends
+    burst,       // many activations begin and end, one after the other
     garbage,     // what is not understood
     death,       // the process dies, or its connection does
     lie,         // the client writes into its header
@@ -65,12 +66,21 @@ public:
     const std::vector<Region>& regions() const { return regions_; }
 
 private:
+    // What keeps the daemon running.
+    enum class Source : std::uint8_t { none, hang, memory, activation };
     struct Client {
         std::int32_t pid = 0;  // 0: no process
         std::optional<Connection> connection;
+        // Of the same process: what it sends counts as well, and its end is as good as the first one's.
         std::optional<Connection> second;
         Region region;
         bool alive() const { return pid != 0; }
+        const Connection& anyConnection(Dice& dice) const { return second && dice.oneIn(2) ? *second : *connection; }
+    };
+    // What a begin says of its activation, for the end that answers it.
+    struct Begun {
+        std::int64_t pid;
+        std::string_view bundle;
     };
 
     Client& pick(Dice& dice) { return clients_[dice.below(clients_.size())]; }
@@ -83,6 +93,9 @@ private:
     void hang(Client& client, Dice& dice);
     void fence(Client& client, Dice& dice);
     void activation(Client& client, Dice& dice);
+    void burst(Client& client, Dice& dice);
+    Begun beginActivation(Client& client, Dice& dice);
+    void endActivation(Client& client, const Begun& begun, Dice& dice);
     void garbage(Client& client, Dice& dice);
     void death(Client& client, Dice& dice);
     void lie(Client& client, Dice& dice);
@@ -102,6 +115,10 @@ private:
     void post(Dice& dice);
 
     World& world_;
+    // What the seed makes of this run: the share of the restarts that take place, 0 for none, and the source that is
+    // never switched off, so that the daemon doesn't end every few hours because all are.
+    std::uint64_t restartOneIn_ = 0;
+    Source kept_ = Source::none;
     std::vector<Client> clients_;
     std::vector<Region> regions_;
     std::int32_t nextPid_ = 1000;

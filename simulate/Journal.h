@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string_view>
 
 namespace quorvix::simulate {
@@ -11,10 +12,14 @@ class Journal {
 public:
     explicit Journal(std::FILE* file = nullptr) : file_(file) {}
 
+    // Called for every line.
+    std::function<void(std::string_view)> onLine;
+
     void line(std::string_view text) {
         for (const char c : text) sum_ = (sum_ ^ static_cast<unsigned char>(c)) * 0x100000001B3u;
         sum_ = (sum_ ^ '\n') * 0x100000001B3u;
         ++lines_;
+        if (onLine) onLine(text);
         if (!file_) return;
         std::fwrite(text.data(), 1, text.size(), file_);
         std::fputc('\n', file_);

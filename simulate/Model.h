@@ -57,6 +57,7 @@ public:
     std::uint64_t mappingsHeld() const;
     std::uint64_t openActivations() const { return activations_.size(); }
     std::uint32_t activationsRecorded() const { return activationsRecorded_; }
+    bool listenerGone() const { return listenerGone_; }
     bool hangTracing() const { return hangTracing_; }
     bool memoryLogging() const { return memoryLogging_; }
     bool activationLogging() const { return activationLogging_; }
@@ -189,6 +190,8 @@ private:
     double msPerTick_ = 0;
     std::map<QueueName, std::shared_ptr<sim::SimWorkQueue>> queues_;
 
+    // After its last event it hears of no connection.
+    bool listenerGone_ = false;
     bool internalBuild_ = false;
     bool hangTracing_ = false;
     bool memoryLogging_ = false;

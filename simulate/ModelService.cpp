@@ -223,6 +223,7 @@ void Model::notify(std::string_view name) {
 
 void Model::connect(const std::shared_ptr<ModelConnection>& connection) {
     post(QueueName::daemon, [this, connection] {
+        if (listenerGone_) return;
         info(print("VEX: Client started new connection: pid %d", connection->pid));
         connection->resumed = true;
         for (ModelEvent& event : std::exchange(connection->waiting, {})) {
@@ -251,6 +252,8 @@ void Model::postConnectionEvent(const std::shared_ptr<ModelConnection>& connecti
 
 void Model::listenerError(ModelEvent event) {
     post(QueueName::daemon, [this, event = std::move(event)] {
+        if (listenerGone_) return;
+        listenerGone_ = event.kind == MessageEventKind::errorConnectionInvalid;
         const char* const text = event.description.c_str();
         switch (event.kind) {
             case MessageEventKind::errorConnectionInvalid:

@@ -1,6 +1,7 @@
 #include "simulate/Simulation.h"
 
 #include <algorithm>
+#include <array>
 
 #include "simulate/Checkers.h"
 #include "simulate/Text.h"
@@ -46,6 +47,7 @@ public:
             moveTo(moment);
             outcome.failedAfterAction = index;
             outcome.actions.push_back(index);
+            ++actionsOf_[static_cast<std::size_t>(action.kind)];
             if (journals())
                 journal_.line(print("%s action %llu %s", time().c_str(), ull(index), nameOf(action.kind).data()));
             const std::uint64_t starts = world_.starts;
@@ -87,6 +89,8 @@ private:
     }
     void write(QueueName queue, const Record& record) {
         checkers_.see(queue, record);
+        // The only counter that is set, and only by the reset.
+        dailyResets_ += record.op == Op::counterSet;
         std::string line = time();
         line += ' ';
         line += nameOf(queue);
@@ -99,12 +103,14 @@ private:
         journal_.line(line);
     }
     void summarise(Outcome& outcome) {
+        outcome.starts = world_.starts;
+        outcome.dailyResets = dailyResets_;
         outcome.summary = print(
-            "%llu actions, %llu starts of the daemon, %llu faults, %llu hangs, %llu reports, %llu memory reports, "
-            "%llu power-log events, %llu log lines",
-            ull(outcome.actions.size()), ull(world_.starts), ull(world_.faults.taken()), ull(checkers_.hangs()),
-            ull(checkers_.reports()), ull(checkers_.memoryReports()), ull(checkers_.powerEvents()),
-            ull(checkers_.logLines()));
+            "%llu actions, %llu starts of the daemon, %llu daily resets, %llu faults, %llu hangs, %llu reports, "
+            "%llu memory reports, %llu power-log events, %llu log lines",
+            ull(outcome.actions.size()), ull(world_.starts), ull(dailyResets_), ull(world_.faults.taken()),
+            ull(checkers_.hangs()), ull(checkers_.reports()), ull(checkers_.memoryReports()),
+            ull(checkers_.powerEvents()), ull(checkers_.logLines()));
     }
 
     const Options& options_;
@@ -113,6 +119,8 @@ private:
     Fleet fleet_;
     Checkers checkers_;
     std::chrono::nanoseconds begin_;
+    std::uint64_t dailyResets_ = 0;
+    std::array<std::uint64_t, static_cast<std::size_t>(ActionKind::count)> actionsOf_{};
 };
 
 }  // namespace

@@ -33,6 +33,8 @@ struct Outcome {
     std::uint64_t failedAfterAction = 0;
     std::uint64_t failedAfterMinutes = 0;
     std::vector<std::uint64_t> actions;  // that were applied
+    std::uint64_t starts = 0;            // of the daemon
+    std::uint64_t dailyResets = 0;       // of the day's credits
     std::uint64_t sum = 0;
     std::string summary;
 };

@@ -265,8 +265,23 @@ void World::holdWakeUps(std::chrono::nanoseconds duration) {
     modelDevice_.scheduler.holdWakeUps(duration);
 }
 
+void World::after(std::chrono::nanoseconds delay, Work action) {
+    planned_.emplace(device.scheduler.monotonicNow() + delay, std::move(action));
+}
+
 void World::advance(std::chrono::nanoseconds duration) {
     const auto end = device.scheduler.monotonicNow() + duration;
+    while (!planned_.empty() && planned_.begin()->first <= end) {
+        const auto moment = planned_.begin()->first;
+        const Work action = std::move(planned_.extract(planned_.begin()).mapped());
+        advanceTo(moment);
+        action();
+    }
+    advanceTo(end);
+}
+
+void World::advanceTo(std::chrono::nanoseconds end) {
+    const auto duration = std::max(end - device.scheduler.monotonicNow(), std::chrono::nanoseconds{0});
     bool exited = false, modelExited = false;
     try {
         device.scheduler.advance(duration);

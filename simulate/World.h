@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -91,6 +92,8 @@ public:
     void setLeewayUse(sim::SimScheduler::LeewayUse use, std::uint64_t seed);
     void holdWakeUps(std::chrono::nanoseconds duration);
 
+    // Runs once so much time has passed, outside of all work, whatever became of the daemon meanwhile.
+    void after(std::chrono::nanoseconds delay, Work action);
     // Time moves; then the model has done the same, or Mismatch is thrown.
     void advance(std::chrono::nanoseconds duration);
 
@@ -109,6 +112,7 @@ public:
 
 private:
     void endProcess();
+    void advanceTo(std::chrono::nanoseconds end);
 
     ModelDevice modelDevice_;
     Replay replay_;
@@ -116,6 +120,7 @@ private:
     std::optional<ServiceRegistrations> registrations_;
     // In the order in which they were made.
     std::vector<Connection> connections_;
+    std::multimap<std::chrono::nanoseconds, Work> planned_;
 };
 
 }  // namespace quorvix::simulate

@@ -41,6 +41,13 @@ TEST(Simulation, ShortRunsHold) {
     }
 }
 
+TEST(Simulation, TheDaysCreditsAreResetInARunOfAFewDays) {
+    Journal journal;
+    const Outcome outcome = simulate({.seed = 12, .days = 3, .clients = 2}, journal);
+    EXPECT_EQ(outcome.failure.value_or(""), "");
+    EXPECT_GE(outcome.dailyResets, 1u) << outcome.summary;
+}
+
 TEST(Simulation, LeavingOutAKindLeavesTheOtherActionsAsTheyWere) {
     Journal journal;
     const Outcome all = simulate({.seed = 4, .minutes = 120}, journal);
