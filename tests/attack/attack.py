@@ -10,6 +10,7 @@ lost, that their hangs are found and, unless --no-delays is given, how late thei
 """
 
 import argparse
+import collections
 import os
 import pathlib
 import random
@@ -17,6 +18,7 @@ import shutil
 import signal
 import sys
 import time
+import traceback
 
 import private
 
@@ -28,6 +30,8 @@ MOST_P99_MS = 50
 MOST_P99_MS_ON_A_BUSY_MACHINE = 1000
 LATEST_HANG_SECONDS = 30
 OF_EACH_KIND = 2
+# Exit status of a hostile client that was refused something.
+REFUSED = 0
 
 
 class Attackers:
@@ -41,6 +45,7 @@ class Attackers:
         self.kinds = {name: hostile.KINDS[name] for name in kinds}
         self.running = {}
         self.begun = 0
+        self.broken = collections.Counter()
         self.told, self.telling = os.pipe()
         for name in self.kinds:
             for _ in range(OF_EACH_KIND):
@@ -57,11 +62,15 @@ class Attackers:
                     self.kinds[name](draw, self.daemon_pid, lambda what: os.write(self.telling, what.encode() + b"\n"))
                 else:
                     self.kinds[name](draw)
-            except BaseException as error:
+            except OSError as error:
                 # A hostile client that is refused something ends; that it ends is no finding.
                 os.write(2, f"{name} ended: {type(error).__name__}: {error}\n".encode())
+                os._exit(REFUSED)
+            except BaseException:
+                traceback.print_exc()
             finally:
-                os._exit(0)
+                # It broke down by itself: that was no attack.
+                os._exit(1)
         os.setpgid(pid, pid)
         self.running[pid] = name
         self.begun += 1
@@ -74,13 +83,24 @@ class Attackers:
         os.waitpid(pid, 0)
         return self.running.pop(pid)
 
+    def ended(self):
+        """Who ended by itself; notes those that no refusal made end."""
+        found = []
+        for pid, name in self.running.items():
+            if how := os.waitid(os.P_PID, pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):
+                found.append(pid)
+                if how.si_code != os.CLD_EXITED or how.si_status != REFUSED:
+                    self.broken[name] += 1
+        return found
+
     def shuffle(self):
         """One of them dies, at whatever it is doing, and another begins. Also in place of those that ended."""
-        ended = [pid for pid in list(self.running) if os.waitid(os.P_PID, pid, os.WEXITED | os.WNOHANG | os.WNOWAIT)]
-        for pid in ended or [self.draw.choice(sorted(self.running))]:
+        for pid in self.ended() or [self.draw.choice(sorted(self.running))]:
             self.begin(self.end(pid))
 
     def close(self):
+        """Ends all; gives what an ordinary user could do and must not."""
+        self.ended()
         for pid in list(self.running):
             self.end(pid)
         os.close(self.telling)
@@ -141,6 +161,7 @@ def attack(arguments, verdict):
     print(f"{attackers.begun} attackers; {handled / seconds:.0f} messages a second, {after['undecodable'] - before['undecodable']} undecodable, "
           f"{after['refusedFull']} connections refused, {daemon.platform('log')['droppedLines']} lines of the log dropped")
     verdict.judge(handled > 100 * arguments.time, f"there was an attack: {handled} messages")
+    verdict.judge(not attackers.broken, f"no hostile client breaks down by itself {dict(attackers.broken) or ''}")
     verdict.judge(not successes, f"an ordinary user can't write, signal or read what is the daemon's {successes or ''}")
     print(f"counters: {daemon.platform('counters')}")
     delays = services.delays_us
@@ -152,6 +173,7 @@ def attack(arguments, verdict):
         busy = os.getloadavg()[0] > 4 * (os.cpu_count() or 1)
         most = MOST_P99_MS_ON_A_BUSY_MACHINE if busy else MOST_P99_MS
         verdict.judge(p99 < most, f"p99 {p99:.2f} ms is below {most} ms")
+        verdict.judge(services.longest < LATEST_HANG_SECONDS, f"the latest hang was found after {services.longest:.1f} s, less than {LATEST_HANG_SECONDS} s")
     for child in world.children:
         child.close()
     check_rest(daemon, base, sampler, verdict)

@@ -11,7 +11,6 @@ the end of the run.
 """
 
 import argparse
-import math
 import os
 import random
 import shutil
@@ -96,14 +95,17 @@ def judge_slopes(samples, seconds, verdict):
 
     warm = max(seconds / 5, 30)
     fitted = [sample for sample in samples if sample[0] > warm]
+    if len(fitted) < fleet.LEAST_SAMPLES:
+        verdict.leave_open(f"slopes: {len(fitted)} samples after a warm-up of {warm:.0f} s")
+        return
     times = [sample[0] for sample in fitted]
     for column, what, unit, least in ((1, "anonymous memory", "KiB", LEAST_GROWTH_KIB), (3, "descriptors", "", 8)):
         values = [sample[column] for sample in fitted]
         rise, error = fleet.slope(times, values)
-        over = rise * (times[-1] - times[0]) / 3600 if times else math.nan
+        over = rise * (times[-1] - times[0]) / 3600
         text = (f"{what}: {values[0]} to {values[-1]} {unit} (least {min(values)}, most {max(values)}), slope {rise:+.1f} ± {2 * error:.1f} {unit} an hour "
                 f"over {times[-1] - times[0]:.0f} s, {len(values)} samples")
-        unknown = 2 * error * (times[-1] - times[0]) / 3600 if times else math.nan
+        unknown = 2 * error * (times[-1] - times[0]) / 3600
         if rise - 2 * error > 0 and over > least:
             verdict.judge(False, text)
         elif unknown < NOISE_THAT_TELLS * least:
