@@ -33,6 +33,7 @@ MOST_P99_MS = 50
 MOST_P99_MS_ON_A_BUSY_MACHINE = 1000
 LATEST_HANG_SECONDS = 30
 OF_EACH_KIND = 2
+SPOOL = "/var/root/Library/Caches/quorvixd/spool"
 # An attack of so long is a long one, after which it is waited for what clients left behind.
 LONG_SECONDS = 60
 # Exit status of a hostile client that was refused something.
@@ -114,10 +115,14 @@ class Attackers:
 
 
 def tidy():
-    """What an uploader does: the reports are taken away."""
-    for folder in ("/var/root/Library/Caches/quorvixd/spool", "/Library/Logs/Faultbox"):
+    """What an uploader does: the reports are taken away. Gives the sizes of the hang reports."""
+    sizes = []
+    for folder in (SPOOL, "/Library/Logs/Faultbox"):
         for path in pathlib.Path(folder).glob("[!.]*"):
+            if folder == SPOOL:
+                sizes.append(path.stat().st_size)
             path.unlink(missing_ok=True)
+    return sizes
 
 
 def attack(arguments, verdict):
