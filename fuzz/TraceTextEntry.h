@@ -15,6 +15,7 @@
 #include "swivex/KernelModules.h"
 #include "swivex/PacketWriter.h"
 #include "swivex/ProcessText.h"
+#include "swivex/RecorderText.h"
 #include "swivex/SystemFigures.h"
 #include "swivex/stacks/MemoryMap.h"
 #include "swivex/stacks/MountTable.h"
@@ -149,6 +150,28 @@ inline bool figures(std::string_view text) {
     return writer.size() != 0;
 }
 
+// One text taken as all that tracefs says of a recorder: figures of a CPU, a choice, a size.
+inline bool recorder(std::string_view text) {
+    const std::string all(text);
+    const std::uint64_t entries = swivex::countOf(text, "entries");
+    require(entries == 0 || text.find(std::to_string(entries)) != text.npos, "a count that is not in the text");
+    const std::string_view chosen = swivex::chosenOf(text);
+    require(chosen.empty() || (chosen.find(']') == chosen.npos && text.find(chosen) != text.npos),
+            "a choice that is not in the brackets");
+    return entries != 0 || !chosen.empty() || swivex::oldestSecondsOf(all) > 0 || swivex::leadingNumber(all) != 0;
+}
+
+inline bool arguments(std::string_view text) {
+    const auto found = swivex::argumentsOf(text);
+    std::size_t size = 0;
+    for (const std::string& argument : found) {
+        require(argument.find('\0') == argument.npos, "an argument that is two");
+        size += argument.size() + 1;
+    }
+    require(size <= text.size() + 1, "more arguments than the text has");
+    return !found.empty();
+}
+
 }  // namespace trace_text
 
 // The trace library's readers of the kernel's texts. The first byte names the reader, the rest is its text. True when
@@ -167,6 +190,8 @@ inline bool traceTextHolds(std::string_view bytes) {
         case 'e': return trace_text::eventFormat(text);
         case 'p': return trace_text::pageFormat(text);
         case 'f': return trace_text::figures(text);
+        case 'r': return trace_text::recorder(text);
+        case 'c': return trace_text::arguments(text);
         default: return false;
     }
 }

@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "swivex/Descriptor.h"
+#include "swivex/RecorderText.h"
 #include "swivex/SmallFile.h"
 
 namespace quorvix::swivex {
@@ -113,16 +113,6 @@ bool waitForEnd(int pidfd, const Deadline& deadline) {
 
 bool reaped(pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG | __WALL) != 0; }
 
-void finish(std::string_view bytes, std::vector<std::string>& arguments) {
-    while (!bytes.empty()) {
-        const std::string_view argument = bytes.substr(0, bytes.find('\0'));
-        bytes.remove_prefix(std::min(argument.size() + 1, bytes.size()));
-        arguments.emplace_back(argument);
-    }
-    // A process may have overwritten its own; then it is known by its name.
-    if (std::ranges::all_of(arguments, [](const std::string& argument) { return argument.empty(); })) arguments.clear();
-}
-
 }  // namespace
 
 std::string readCommandLines(ProcessList& list, const std::string& procFolder, const Deadline& deadline) {
@@ -167,7 +157,7 @@ std::string readCommandLines(ProcessList& list, const std::string& procFolder, c
         // Entries come in the order of the list.
         while (index < list.processes.size() && list.processes[index].pid != head.pid) ++index;
         if (index == list.processes.size()) break;
-        finish({bytes, head.length}, list.processes[index].arguments);
+        list.processes[index].arguments = argumentsOf({bytes, head.length});
     }
     return inTime ? "" : "reading the command lines took too long";
 }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "swivex/RecorderText.h"
 #include "swivex/SmallFile.h"
 
 namespace quorvix::swivex {
@@ -20,22 +21,12 @@ std::string trimmed(std::string text) {
     return text;
 }
 
-// "local global [mono] boot": what stands in the brackets.
-std::string chosen(const std::string& text) {
-    const std::size_t begin = text.find('[');
-    const std::size_t end = text.find(']', begin);
-    return begin == std::string::npos || end == std::string::npos ? "" : text.substr(begin + 1, end - begin - 1);
-}
-
 bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
 std::string valueOf(const std::string& path) {
     const auto text = readSmallFile(path);
     return text ? trimmed(*text) : "";
 }
-
-// The size of a ring is text such as "8192", or "7 (expanded: 1408)" before its first use.
-std::uint64_t leadingNumber(const std::string& text) { return std::strtoull(text.c_str(), nullptr, 10); }
 
 }  // namespace
 
@@ -64,7 +55,7 @@ Outcome<FlightRecorder::Armed> FlightRecorder::setUp(const Options& options) {
         return written ? "" : written.problem();
     };
     // Changing clock or size clears the ring: done only where it must be.
-    const bool otherClock = chosen(valueOf(instance_.file("trace_clock"))) != "mono";
+    const bool otherClock = chosenOf(valueOf(instance_.file("trace_clock"))) != "mono";
     // The kernel rounds up to whole pages, and counts what a page holds beside its head.
     const std::uint64_t size = leadingNumber(valueOf(instance_.file("buffer_size_kb")));
     const bool otherSize = size < options.kilobytes || size > options.kilobytes + options.kilobytes / 100 + 16;
@@ -148,7 +139,7 @@ Outcome<FlightRecorder::Status> FlightRecorder::status() const {
     }
     if (const auto present = instance_.present(); !present) return Problem{present.problem()};
     status.on = true;
-    status.clock = chosen(valueOf(instance_.file("trace_clock")));
+    status.clock = chosenOf(valueOf(instance_.file("trace_clock")));
     status.kilobytes = leadingNumber(valueOf(instance_.file("buffer_size_kb")));
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -171,12 +162,7 @@ Outcome<FlightRecorder::Status> FlightRecorder::status() const {
         cpu.overrun = instance_.count(number, "overrun");
         cpu.lost = instance_.count(number, "commit overrun") + instance_.count(number, "dropped events");
         const auto stats = readSmallFile(instance_.cpuFile(number, "stats"));
-        if (stats && cpu.entries > 0) {
-            constexpr std::string_view kOldest = "oldest event ts:";
-            if (const std::size_t at = stats->find(kOldest); at != std::string::npos) {
-                cpu.oldestSeconds = std::strtod(stats->c_str() + at + kOldest.size(), nullptr);
-            }
-        }
+        if (stats && cpu.entries > 0) cpu.oldestSeconds = oldestSecondsOf(*stats);
         status.cpus.push_back(cpu);
     }
     return status;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#include "swivex/RecorderText.h"
 #include "swivex/SmallFile.h"
 
 namespace quorvix::swivex {
@@ -81,17 +82,7 @@ std::vector<unsigned> TraceInstance::cpus() const {
 
 std::uint64_t TraceInstance::count(unsigned cpu, std::string_view key) const {
     const auto text = readSmallFile(cpuFile(cpu, "stats"));
-    if (!text) return 0;
-    std::string_view rest = *text;
-    while (!rest.empty()) {
-        const std::string_view line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-        if (!line.starts_with(key) || !line.substr(key.size()).starts_with(": ")) continue;
-        std::uint64_t value = 0;
-        std::from_chars(line.data() + key.size() + 2, line.data() + line.size(), value);
-        return value;
-    }
-    return 0;
+    return text ? countOf(*text, key) : 0;
 }
 
 std::vector<EventFormat> TraceInstance::formats() const {

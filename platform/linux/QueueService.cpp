@@ -117,7 +117,9 @@ JsonObject LinuxQueueService::selfCounters() const {
     const std::lock_guard lock(mutex_);
     for (const auto& queue : queues_) {
         const LinuxWorkQueue::Counters of = queue->counters();
-        counters.add(queue->label(), JsonObject{{"turns", of.turns}, {"pendingHighWater", of.pendingHighWater}});
+        counters.add(queue->label(), JsonObject{{"turns", of.turns},
+                                                {"pendingHighWater", of.pendingHighWater},
+                                                {"memoryGivenBack", of.memoryGivenBack}});
     }
     return counters;
 }

@@ -1,5 +1,6 @@
 #include "platform/linux/WorkQueue.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -93,7 +94,8 @@ bool LinuxWorkQueue::mayUseSources() const noexcept {
 
 LinuxWorkQueue::Counters LinuxWorkQueue::counters() const {
     const std::lock_guard lock(mutex_);
-    return {turns_.load(std::memory_order_relaxed), pendingHighWater_};
+    return {turns_.load(std::memory_order_relaxed), pendingHighWater_,
+            memoryGivenBack_.load(std::memory_order_relaxed)};
 }
 
 void LinuxWorkQueue::wakeLocked() {
@@ -167,6 +169,7 @@ void LinuxWorkQueue::run() {
             absorb(addedMonotonic_, monotonicOneShots_);
             absorb(addedWall_, wallOneShots_);
         }
+        hadDelayed_ = hadDelayed_ || !monotonicOneShots_.empty();
         turns_.fetch_add(1, std::memory_order_relaxed);
         runPosted();
         fireMonotonic();
@@ -193,6 +196,8 @@ void LinuxWorkQueue::waitForEvents() {
         asleep_ = !stopping_ && posted_.empty() && addedMonotonic_.empty() && addedWall_.empty();
         if (asleep_) timeout = -1;
     }
+    // What comes meanwhile makes the wait below end at once.
+    if (timeout < 0) giveMemoryBackAfterTheLastDelayed();
     std::array<epoll_event, kEventsARound> events;
     // An error is an interruption by a debugger: the next turn looks again.
     const int count = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), timeout);
@@ -200,6 +205,13 @@ void LinuxWorkQueue::waitForEvents() {
         const epoll_event& event = events[static_cast<std::size_t>(index)];
         dispatchEvent(event.data.u64, event.events);
     }
+}
+
+void LinuxWorkQueue::giveMemoryBackAfterTheLastDelayed() {
+    if (!hadDelayed_ || !monotonicOneShots_.empty()) return;
+    hadDelayed_ = false;
+    memoryGivenBack_.fetch_add(1, std::memory_order_relaxed);
+    malloc_trim(0);
 }
 
 void LinuxWorkQueue::dispatchEvent(std::uint64_t data, std::uint32_t events) {

@@ -32,13 +32,16 @@ public:
 //
 // A turn takes the work that was posted when it began, then the timers that are due, then one round of the watched
 // descriptors, each ready one once; so no source can starve another. Work of our own code is trusted and its number
-// not bounded, but its high-water mark is kept. Made by LinuxQueueService, which starts and ends the thread; timers
-// and watches are used on the queue's thread only, or while it does not run.
+// not bounded, but its high-water mark is kept. When its last delayed work is done and it goes to sleep, memory that
+// was freed goes back to the kernel: the allocator keeps by itself what a burst took, as long as the process lives.
+// Made by LinuxQueueService, which starts and ends the thread; timers and watches are used on the queue's thread only,
+// or while it does not run.
 class LinuxWorkQueue final : public WorkQueue, public std::enable_shared_from_this<LinuxWorkQueue> {
 public:
     struct Counters {
         std::uint64_t turns;
         std::uint64_t pendingHighWater;
+        std::uint64_t memoryGivenBack;  // how often
     };
 
     LinuxWorkQueue(std::string_view label, QualityOfService quality);
@@ -103,6 +106,7 @@ private:
     void armWall();
     std::optional<std::chrono::nanoseconds> nextWakeUp() const;
     void waitForEvents();
+    void giveMemoryBackAfterTheLastDelayed();
     void dispatchEvent(std::uint64_t data, std::uint32_t events);
     void dispatchWatch(std::uint64_t data, std::uint32_t events);
     void releaseSlot(std::uint32_t index);
@@ -143,7 +147,9 @@ private:
     std::vector<std::uint32_t> freeSlots_;
     std::optional<std::chrono::nanoseconds> monotonicArmed_;
     std::optional<std::chrono::nanoseconds> wallArmed_;
+    bool hadDelayed_ = false;  // since memory was given back
     std::atomic<std::uint64_t> turns_{0};
+    std::atomic<std::uint64_t> memoryGivenBack_{0};
 };
 
 }  // namespace quorvix::linuxos

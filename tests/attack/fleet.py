@@ -19,6 +19,8 @@ import harness
 
 COUNTERS = pathlib.Path("/var/lib/quorvix/tallisk.db")
 GOOD_PROGRAM = "good-client"
+# To fewer no line is fitted.
+LEAST_SAMPLES = 8
 
 
 class Daemon(harness.Daemon):
@@ -85,7 +87,7 @@ def slope(times, values):
     """Least squares: the slope an hour and its standard error. Neighbouring samples are alike, so that they count for
     fewer than they are (by the correlation of the rests with the next)."""
     count = len(times)
-    if count < 8:
+    if count < LEAST_SAMPLES:
         return math.nan, math.nan
     mean_time, mean_value = sum(times) / count, sum(values) / count
     spread = sum((t - mean_time) ** 2 for t in times)

@@ -1,17 +1,22 @@
 #!/usr/bin/env python3
-"""The soak's fit finds a slope that is there, and none where there is only noise."""
+"""The soak's fit finds a slope that is there and none where there is only noise; an attacker that breaks down is no attack."""
 
 import collections
+import contextlib
 import math
 import os
 import pathlib
 import random
+import signal
 import sys
 import unittest
+import unittest.mock
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "tests/e2e"), str(ROOT / "tests/attack")]
+import attack  # noqa: E402
 import fleet  # noqa: E402
+import hostile  # noqa: E402
 import private  # noqa: E402
 import soak  # noqa: E402
 
@@ -65,6 +70,12 @@ class Judgement(unittest.TestCase):
         soak.judge_slopes(samples, 100, verdict)
         self.assertEqual((verdict.passed, verdict.failed, verdict.skipped), (1, 0, 1))
 
+    def test_a_run_that_ends_while_it_warms_up_tells_nothing(self):
+        for seconds in (10, 30, 32):
+            verdict = private.Verdict()
+            soak.judge_slopes([(t / 2, 10_000, 0, 600) for t in range(2 * seconds)], seconds, verdict)
+            self.assertEqual((verdict.passed, verdict.failed, verdict.skipped), (0, 0, 1), f"{seconds} s")
+
     def test_leak_of_memory_is_found(self):
         self.assertEqual(self.judged(10), 1)
 
@@ -87,6 +98,41 @@ class Descriptors(unittest.TestCase):
 
     def test_that_are_gone(self):
         self.assertEqual(fleet.difference(collections.Counter(a=2, b=1), collections.Counter(a=1)), "a -1, b -1")
+
+
+class Attackers(unittest.TestCase):
+    def broken_of(self, kind):
+        with unittest.mock.patch.dict(hostile.KINDS, {"kind": kind}), open(os.devnull, "w") as nowhere, contextlib.redirect_stderr(nowhere):
+            attackers = attack.Attackers(["kind"], 1, os.getpid())
+            for pid in attackers.running:
+                os.waitid(os.P_PID, pid, os.WEXITED | os.WNOWAIT)
+            begun = attackers.begun
+            attackers.shuffle()
+            again = attackers.begun - begun
+            for pid in attackers.running:
+                os.waitid(os.P_PID, pid, os.WEXITED | os.WNOWAIT)
+            attackers.close()
+        self.assertEqual(again, attack.OF_EACH_KIND)
+        return attackers.broken["kind"]
+
+    def refused(self, draw):
+        raise BrokenPipeError("the daemon closed the connection")
+
+    def test_one_that_is_refused_something_is_no_finding(self):
+        self.assertEqual(self.broken_of(self.refused), 0)
+
+    def test_one_that_breaks_down_by_itself_is_found(self):
+        self.assertEqual(self.broken_of(lambda draw: draw + 1), 2 * attack.OF_EACH_KIND)
+
+    def test_one_that_a_signal_ends_is_found(self):
+        self.assertEqual(self.broken_of(lambda draw: os.kill(os.getpid(), signal.SIGTERM)), 2 * attack.OF_EACH_KIND)
+
+    def test_one_that_stops_attacking_is_found(self):
+        self.assertEqual(self.broken_of(lambda draw: None), 2 * attack.OF_EACH_KIND)
+
+    def test_no_time_lies_before_the_machine_was_started(self):
+        with unittest.mock.patch.object(hostile, "ticks_now", lambda: 2**33 - 1):
+            self.assertEqual([hostile.ago(2**33), hostile.ago(2**33 - 1), hostile.ago(1)], [0, 0, 2**33 - 2])
 
 
 class Percentile(unittest.TestCase):

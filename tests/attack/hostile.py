@@ -19,6 +19,11 @@ ABSURD = [0, 1, -1, 2, 2**31 - 1, 2**31, 2**32 - 1, 2**32, 2**63 - 1, -2**63, -2
 NOBODY = 65534
 
 
+def ago(ticks):
+    """So long ago, but not before the machine was started."""
+    return max(ticks_now() - ticks, 0)
+
+
 def int64(draw):
     return draw.choice(ABSURD) if draw.random() < 0.5 else draw.randrange(-2**63, 2**63)
 
@@ -135,9 +140,9 @@ def regions(draw):
         end = time.monotonic() + draw.uniform(0, 12)
         while time.monotonic() < end:
             for _ in range(200):
-                region.words64[draw.randrange(len(region.words64))] = draw.choice([0, CONSUMED, ticks_now(), ticks_now() - 2**33, draw.randrange(2**64)])
+                region.words64[draw.randrange(len(region.words64))] = draw.choice([0, CONSUMED, ticks_now(), ago(2**33), draw.randrange(2**64)])
             slot = draw.randrange(20)
-            region.begin(slot, text(draw), draw.choice([0, 1, ticks_now() - 10**9, 2**64 - 2, 2**63]), save_report=draw.random() < 0.5,
+            region.begin(slot, text(draw), draw.choice([0, 1, ago(10**9), 2**64 - 2, 2**63]), save_report=draw.random() < 0.5,
                          thread=draw.randrange(2**63))
             if draw.random() < 0.3:
                 page = draw.randrange(length // mmap.PAGESIZE) * mmap.PAGESIZE if length >= mmap.PAGESIZE else 0
@@ -184,6 +189,7 @@ def forks(draw):
     while True:
         child = os.fork()
         if child == 0:
+            status = 1
             try:
                 client = Client().connect()
                 client.start_watching(Region(), "short life")
@@ -193,12 +199,16 @@ def forks(draw):
                 if draw.random() < 0.5:
                     os.kill(os.getpid(), signal.SIGKILL)
                 time.sleep(draw.uniform(0, 0.05))
+                status = 0
+            except OSError:
+                status = 0
             finally:
-                os._exit(0)
+                os._exit(status)
         children.append(child)
         if len(children) >= 4:
             last = children.pop(0)
-            os.waitpid(last, 0)
+            if os.waitpid(last, 0)[1] == 1 << 8:
+                raise RuntimeError("a child broke down by itself")
             try:
                 pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text(str(last - 1))
             except OSError:

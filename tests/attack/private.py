@@ -24,14 +24,16 @@ def prepare(build):
     return harness
 
 
-def run_inside(program, arguments, options):
-    """Runs this program again, inside; `options` are its options but for --build and --json. Gives its status."""
+def run_inside(program, arguments, options, own_ids=True):
+    """Runs this program again, inside; `options` are its options but for --build and --json. Without process ids of its
+    own where the kernel's events, which have the machine's, are to be understood. Gives its status."""
     os.chdir(ROOT)
     build = pathlib.Path(arguments.build).resolve()
     result = build / f"{pathlib.Path(program).stem}-result.json"
     result.unlink(missing_ok=True)
-    command = [str(ROOT / "demo/private-root"), "unshare", "--pid", "--fork", "--kill-child", "--mount-proc=/proc", "env", f"{INSIDE}=1",
-               "python3", "-B", str(pathlib.Path(program).resolve()), "--build", str(build), "--json", str(result), *options]
+    unshare = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc=/proc"] if own_ids else []
+    command = [str(ROOT / "demo/private-root"), *unshare, "env", f"{INSIDE}=1", "python3", "-B",
+               str(pathlib.Path(program).resolve()), "--build", str(build), "--json", str(result), *options]
     process = subprocess.Popen(command)
     signal.signal(signal.SIGTERM, lambda *_: process.kill())
     status = process.wait()

@@ -11,10 +11,12 @@ the end of the run.
 """
 
 import argparse
-import math
+import contextlib
 import os
+import pathlib
 import random
 import shutil
+import subprocess
 import sys
 import time
 
@@ -23,6 +25,11 @@ import private
 MESSAGES_A_SECOND = 250
 ACTIVATIONS_A_SECOND = 1
 LIVES_A_SECOND = 5
+# Of each CPU, as the packages switch it on.
+RING_KIB = "8192"
+# Reports are 3 to 10 KiB without what the recorder had, and hundreds with it.
+LEAST_KIB_WITH_RINGS = 32
+TRACING = pathlib.Path("/sys/kernel/tracing")
 # What memory may rise by over the whole run besides the fitted noise: the allocator's own spread.
 LEAST_GROWTH_KIB = 1024
 # Where the noise could hide so many times of that, flat can't be said of it.
@@ -52,6 +59,7 @@ def soak(arguments, verdict):
     launcher = world.client()
     begun = time.monotonic()
     activations = lives = 0
+    reports = []
     while (now := time.monotonic() - begun) < arguments.time and daemon.alive():
         if activations < now * ACTIVATIONS_A_SECOND:
             activations += 1
@@ -66,7 +74,7 @@ def soak(arguments, verdict):
                 client.send_datagram(b"no message")
                 client.stop_watching()
                 region.close()
-        attack.tidy()
+        reports += attack.tidy()
         time.sleep(0.02)
     sampler.stop()
     alive = daemon.alive()
@@ -87,8 +95,28 @@ def soak(arguments, verdict):
           f"the latest hang was found after {services.longest:.1f} s; load of the machine {os.getloadavg()[0]:.1f}")
     verdict.judge(services.died == 0 and services.handled == services.sent, f"{services.handled} of {services.sent} messages are handled")
     verdict.judge(services.found == services.hangs > 0, f"{services.found} of {services.hangs} hangs are found")
+    kib = sum(reports) / max(len(reports), 1) / 1024
+    least = LEAST_KIB_WITH_RINGS if (TRACING / "instances/swivex").exists() else 0
+    verdict.judge(kib > least, f"{len(reports)} hang reports are written, {kib:.1f} KiB on average, more than {least}")
     judge_slopes(sampler.samples, arguments.time, verdict)
     world.close()
+
+
+@contextlib.contextmanager
+def flight_recorder(build, verdict):
+    """The recorder whose rings the trace library reads, as on a device; there is one for the whole kernel."""
+    ctl = [str(build / "bin/quorvixctl"), "recorder"]
+    if not TRACING.joinpath("instances").exists():
+        subprocess.run(["mount", "-t", "tracefs", "tracefs", str(TRACING)], check=False)
+    if not TRACING.joinpath("instances").exists() or TRACING.joinpath("instances/swivex").exists():
+        verdict.leave_open("the rings of the flight recorder: there is no tracefs here, or it is on already")
+        yield
+        return
+    subprocess.run([*ctl, "on", "--size", RING_KIB], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run([*ctl, "off"], check=True)
 
 
 def judge_slopes(samples, seconds, verdict):
@@ -96,14 +124,17 @@ def judge_slopes(samples, seconds, verdict):
 
     warm = max(seconds / 5, 30)
     fitted = [sample for sample in samples if sample[0] > warm]
+    if len(fitted) < fleet.LEAST_SAMPLES:
+        verdict.leave_open(f"slopes: {len(fitted)} samples after a warm-up of {warm:.0f} s")
+        return
     times = [sample[0] for sample in fitted]
     for column, what, unit, least in ((1, "anonymous memory", "KiB", LEAST_GROWTH_KIB), (3, "descriptors", "", 8)):
         values = [sample[column] for sample in fitted]
         rise, error = fleet.slope(times, values)
-        over = rise * (times[-1] - times[0]) / 3600 if times else math.nan
+        over = rise * (times[-1] - times[0]) / 3600
         text = (f"{what}: {values[0]} to {values[-1]} {unit} (least {min(values)}, most {max(values)}), slope {rise:+.1f} ± {2 * error:.1f} {unit} an hour "
                 f"over {times[-1] - times[0]:.0f} s, {len(values)} samples")
-        unknown = 2 * error * (times[-1] - times[0]) / 3600 if times else math.nan
+        unknown = 2 * error * (times[-1] - times[0]) / 3600
         if rise - 2 * error > 0 and over > least:
             verdict.judge(False, text)
         elif unknown < NOISE_THAT_TELLS * least:
@@ -123,11 +154,13 @@ def main():
     arguments = parser.parse_args()
     if not private.is_inside():
         options = ["--time", str(arguments.time), "--seed", str(arguments.seed), "--clients", str(arguments.clients)]
-        return private.run_inside(__file__, arguments, options + (["--real-reports"] if arguments.real_reports else []))
+        return private.run_inside(__file__, arguments, options + (["--real-reports"] if arguments.real_reports else []),
+                                  own_ids=not arguments.real_reports)
     private.prepare(arguments.build)
     print(f"seed {arguments.seed}", flush=True)
     verdict = private.Verdict()
-    soak(arguments, verdict)
+    with flight_recorder(pathlib.Path(arguments.build), verdict) if arguments.real_reports else contextlib.nullcontext():
+        soak(arguments, verdict)
     return verdict.write(arguments.json)
 
 

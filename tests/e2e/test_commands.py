@@ -1,6 +1,7 @@
 """The eight commands, as the protocol page says them."""
 
 import os
+import socket
 import unittest
 
 import harness
@@ -103,6 +104,33 @@ class Commands(harness.DaemonTest):
             self.client.send_command(number)
         self.client.send({})
         harness.wait_until(lambda: self.daemon.count_lines("<default> Don't know how to handle ") == 5)
+
+    def test_nothing_is_ever_sent_back(self):
+        now = ticks_now()
+        self.client.start_watching(self.region)
+        self.client.start_watching(self.region)
+        self.client.hang_detected("work", save_report=True)
+        self.client.activation_begin(412, "com.example.app")
+        self.client.activation_end(412, "com.example.app")
+        self.client.fence_begin(7)
+        self.client.fence_end(7)
+        self.client.fence_end(99)
+        self.client.fence_blown(now, now)
+        self.client.stop_watching()
+        self.client.send_command(1, name="without memory")
+        self.client.send_command(9)
+        self.client.send({})
+        for garbage in (b"", b"no message", b"\xff" * 70000):
+            self.client.send_datagram(garbage)
+        self.client.send_datagram(encode({"command": Int64(9)}), [self.region.descriptor])
+        handled = lambda: self.daemon.platform("messages")  # noqa: E731
+        harness.wait_until(lambda: (handled()["messages"], handled()["undecodable"]) == (13, 4), what="all of them")
+        self.daemon.wait_line("Don't know how to handle ")
+        with self.assertRaises(BlockingIOError):
+            self.client.socket.recvmsg(65536, 4096, socket.MSG_DONTWAIT)
+        # Nor is there anything when it ends: nothing stands before the end of the connection.
+        self.daemon.end()
+        self.assertEqual(self.client.socket.recvmsg(65536, 4096, socket.MSG_DONTWAIT)[:2], (b"", []))
 
     def test_end_of_the_connection_is_said(self):
         self.watch()

@@ -163,6 +163,9 @@ class Campaign:
                 scenario.supervisor.arm()
                 scenario.act()
                 calls = scenario.supervisor.disarm()
+                if scenario.supervisor.untried:
+                    self.results["failed"] += 1
+                    print(f"FAILED {scenario.name}: calls about files that are never made to fail: {', '.join(sorted(scenario.supervisor.untried))}", flush=True)
                 if not scenario.reusable:
                     scenario.stop()
                 if scenario.hurried:

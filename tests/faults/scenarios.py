@@ -579,7 +579,7 @@ class Start(Scenario):
 
 
 class SetPreference(Scenario):
-    """quorvixctl changes a preference; the daemon writes its defaults by the same way."""
+    """quorvixctl changes a preference."""
     name = "prefs-set"
     reusable = False
     serves_on = False

@@ -78,6 +78,7 @@ class Supervisor:
 
     def __init__(self):
         self.names = system_calls.numbers()
+        self.names_of_untried = system_calls.untried()
         self.lock = threading.Lock()
         self.listener = None
         self.pid = None
@@ -86,6 +87,7 @@ class Supervisor:
         self.struck = None  # what the fault hit, once it has
         self.counts = collections.Counter()
         self.order = []
+        self.untried = set()  # calls that were made and are never made to fail
         self.ours, self.theirs = socket.socketpair()
         self.memory = None
         self.thread = None
@@ -150,11 +152,14 @@ class Supervisor:
             os.close(self.memory)
 
     def _decide(self, thread, number, arguments):
-        name = self.names[number]
         passes = (0, 0, CONTINUE)
         with self.lock:
             if not self.armed or not self._is_ours(thread):
                 return passes
+            if number in self.names_of_untried:
+                self.untried.add(self.names_of_untried[number])
+                return passes
+            name = self.names[number]
             call = self._call(thread, name, arguments)
             if call is None:
                 return passes

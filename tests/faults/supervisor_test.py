@@ -9,6 +9,7 @@ import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import campaign  # noqa: E402
+import system_calls  # noqa: E402
 from supervisor import Call, Fault, Supervisor, alike  # noqa: E402
 
 UNAVAILABLE = campaign.available()
@@ -30,7 +31,7 @@ class OneCommand(unittest.TestCase):
         supervisor.attach(process.pid)
         output = process.communicate(timeout=30)
         supervisor.wait_end()
-        self.struck = supervisor.struck
+        self.struck, self.untried = supervisor.struck, supervisor.untried
         return process.returncode, output, supervisor.disarm()
 
     def call(self, name, creates=False):
@@ -44,6 +45,16 @@ class OneCommand(unittest.TestCase):
         self.assertEqual((status, output), (0, ("0123456789" * 10, "")))
         self.assertEqual((calls[self.call("openat")], calls[self.call("read")]), (1, 2))
         self.assertIsNone(self.struck)
+
+    def test_a_call_that_is_in_no_plan_is_told(self):
+        for command, untried in (([sys.executable, "-c", f"import os; os.truncate({str(self.file)!r}, 5)"], {"truncate"}),
+                                 ([sys.executable, "-c", f"open({str(self.file)!r}).close()"], set())):
+            status, output, _ = self.run_under(None, command)
+            self.assertEqual((status, output, self.untried), (0, ("", ""), untried))
+        self.assertEqual(self.file.read_text(), "01234")
+
+    def test_the_two_tables_have_no_call_in_common(self):
+        self.assertFalse(system_calls.numbers().keys() & system_calls.untried().keys())
 
     def test_error_comes_at_its_call(self):
         status, output, _ = self.cat(self.call("openat"), 1, "EMFILE")

@@ -110,6 +110,28 @@ TEST_F(QueueServiceTest, CountsTheMostWorkThatEverWaited) {
     EXPECT_GE(std::get<std::uint64_t>(members[1].second.content()), 7u);
 }
 
+TEST_F(QueueServiceTest, MemoryIsGivenBackOnceWhenTheLastDelayedWorkIsDone) {
+    const auto queue = startedQueue();
+    const auto given = [&] { return LinuxWorkQueue::from(*queue).counters().memoryGivenBack; };
+    queue->asyncAfter(1h, [] {});
+    std::promise<void> first;
+    queue->asyncAfter(1ms, [&] { first.set_value(); });
+    first.get_future().wait();
+    onQueue(*queue, [] {});
+    EXPECT_EQ(given(), 0u) << "some of it still waits";
+
+    const auto other = service->makeSerialQueue("other", QualityOfService::standard);
+    const auto ofOther = [&] { return LinuxWorkQueue::from(*other).counters().memoryGivenBack; };
+    for (int index = 0; index < 100; ++index) onQueue(*other, [] {});
+    EXPECT_EQ(ofOther(), 0u) << "nothing of it was delayed";
+    std::promise<void> last;
+    other->asyncAfter(1ms, [&] { last.set_value(); });
+    last.get_future().wait();
+    while (ofOther() == 0) std::this_thread::yield();
+    for (int index = 0; index < 100; ++index) onQueue(*other, [] {});
+    EXPECT_EQ(ofOther(), 1u);
+}
+
 TEST_F(QueueServiceTest, AnIdleQueueHasNoWakeUps) {
     const auto queue = startedQueue();
     onQueue(*queue, [] {});
