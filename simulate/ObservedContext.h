@@ -29,9 +29,10 @@ struct Context {
         if (fault.fails()) record(op, {}).error = fault.error;
         return fault.fails();
     }
-    // The time of a slow call passes after the call was written down.
+    // The time of a slow call passes after the call was written down; but not at the end of a process, which says of
+    // each of its records that it goes.
     void spend(Record& record, const Fault& fault) {
-        if (fault.slow.count() == 0 || trace.queue() == QueueName::main) return;
+        if (fault.slow.count() == 0 || !trace.inWork() || trace.queue() == QueueName::main) return;
         record.spent = fault.slow;
         device.scheduler.spend(fault.slow);
     }
