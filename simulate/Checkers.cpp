@@ -9,15 +9,12 @@
 #include "activation/ActivationState.h"
 #include "hang/HangState.h"
 #include "hang/QXProcessInfo.h"
+#include "simulate/Require.h"
 #include "simulate/Text.h"
 
 namespace quorvix::simulate {
 
 namespace {
-
-void require(bool holds, const char* what) {
-    if (!holds) throw Mismatch{std::string("checker: ") + what};
-}
 
 // What a run may hold at any time beyond what it held after a day: a leak of a hundred bytes a hang shows.
 constexpr std::uint64_t kGrowthBytes = 8 << 20;
@@ -25,10 +22,7 @@ constexpr std::uint64_t kMinutesADay = 1440;
 
 }  // namespace
 
-void Checkers::processStarted() {
-    tracesToday_ = 0;
-    limitToday_ = 25;
-}
+void Checkers::processStarted() { dailyReports_ = DailyReports(HangState::kDefaultMaxDailyLogs); }
 
 void Checkers::see(QueueName, const Record& record) {
     switch (record.op) {
@@ -36,18 +30,12 @@ void Checkers::see(QueueName, const Record& record) {
             ++logLines_;
             hangs_ += record.what.find(": Hang detected ") != std::string::npos;
             break;
-        case Op::dump: tracesToday_ += record.error.value == 0; break;
-        case Op::counterSet:
-            tracesToday_ = 0;
-            limitToday_ = hangState().maxDailyLogs;
+        case Op::dump:
+            if (record.error.value == 0) dailyReports_.taken();
             break;
+        case Op::counterSet: dailyReports_ = DailyReports(hangState().maxDailyLogs); break;
         case Op::unlinkFile:
-            if (record.error.value != 0) unlinkFailed_ = true;
-            break;
-        case Op::replaceFile:
-        case Op::closeChecked:
-        case Op::writeFile:
-            if (record.error.value != 0) placeFailed_ = true;
+            if (record.error.value != 0) failedRemovals_.failed(record.what);
             break;
         case Op::powerEvent: ++powerEvents_; break;
         default: break;
@@ -74,9 +62,8 @@ void Checkers::afterStep() {
     require(state.dailyLogCredits == model.dailyLogCredits(), "the day's credits are not the model's");
     require(state.fenceHangCapturePending == model.fenceCapturePending(),
             "the pending fence capture is not the model's");
-    // One more than the limit: a fence capture that was let through before and taken after.
-    limitToday_ = std::max<std::int64_t>(limitToday_, state.maxDailyLogs);
-    require(tracesToday_ <= std::max<std::int64_t>(limitToday_, 0) + 1, "more reports than a day has");
+    dailyReports_.limitIs(state.maxDailyLogs);
+    dailyReports_.check(model.reportsSinceReset(), model.lateReportsSinceReset());
     require(world_.device.regions.liveMappings() == model.mappingsHeld(),
             "a mapping leaked, or was given back too soon");
 }
@@ -102,14 +89,16 @@ void Checkers::checkReports() {
     }
     reports_ += collect(kSpool);
     memoryReports_ += collect(kReports);
-    const std::size_t begun = collect(kTmp);
-    require(begun == 0 || unlinkFailed_, "a report that was begun lies in the tmp folder");
+    for (const std::string& name : files.list(kTmp)) {
+        require(failedRemovals_.excuse(kTmp, name), "a report that was begun lies in the tmp folder");
+    }
+    collect(kTmp);
     for (const std::string& name : files.list(kCaches)) {
         if (!name.starts_with("memory-snapshot-")) continue;
-        require(unlinkFailed_ || placeFailed_, "a memory report that was begun lies in the cache folder");
+        require(failedRemovals_.excuse(kCaches, name), "a memory report that was begun lies in the cache folder");
         static_cast<void>(files.unlinkFile({kCaches, name}));
     }
-    unlinkFailed_ = placeFailed_ = false;
+    failedRemovals_.forget();
 }
 
 void Checkers::everyMinute() {

@@ -3,7 +3,10 @@
 #include <cstdint>
 #include <string>
 
+#include "hang/HangState.h"
 #include "simulate/Actions.h"
+#include "simulate/DailyReports.h"
+#include "simulate/FailedRemovals.h"
 #include "simulate/World.h"
 
 namespace quorvix::simulate {
@@ -40,12 +43,8 @@ private:
     std::uint64_t hangs_ = 0;
     std::uint64_t powerEvents_ = 0;
     std::uint64_t logLines_ = 0;
-    // Traces taken since the daily reset, and the highest limit that held in that time.
-    std::int64_t tracesToday_ = 0;
-    std::int64_t limitToday_ = 25;
-    // A file that could not be removed lies in a folder with reason.
-    bool unlinkFailed_ = false;
-    bool placeFailed_ = false;
+    DailyReports dailyReports_{HangState::kDefaultMaxDailyLogs};
+    FailedRemovals failedRemovals_;
     std::uint64_t settledBytes_ = 0;
     std::uint64_t minutes_ = 0;
 };

@@ -10,11 +10,11 @@ namespace {
 // Escaped: two question marks begin a trigraph.
 constexpr const char* kNothing = "\?\?\?";
 constexpr const char* kCache = "/var/root/Library/Caches/quorvixd/";
+constexpr const char* kReportFolder = "/Library/Logs/Faultbox/";
 
 }  // namespace
 
-// How the file comes into its place is the daemon's own affair: here it must be created first, written with the right
-// text if it is, and leave either a whole report or nothing (which the checkers look at).
+// Created, written with the right text, closed and moved into its place; what does not come there is removed.
 void Model::memorySnapshot() {
     const std::string name = "memory-snapshot-" + stamp() + ".ips";
     const Record created = replay_.expectAny(Op::createNewFile);
@@ -37,7 +37,11 @@ void Model::memorySnapshot() {
         throw Mismatch{"expected in the memory report\n  " + line(wanted, differs.in1 - wanted.begin()) +
                        "\n  got\n  " + line(text, differs.in2 - text.begin())};
     }
-    while (replay_.nextIsFile()) replay_.skip();
+    const Record closed = replay_.expect(Op::closeChecked, name);
+    const std::string cached = std::string(kCache) + "|" + name;
+    const bool whole = written.error.value == 0 && closed.error.value == 0;
+    if (whole && replay_.expect(Op::replaceFile, cached + " -> " + kReportFolder + "|" + name).error.value == 0) return;
+    replay_.expect(Op::unlinkFile, cached);
 }
 
 std::string Model::memoryReport(const std::string& date) {

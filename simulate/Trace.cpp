@@ -141,16 +141,6 @@ Record Replay::expectAny(Op op) {
     return std::move(*record);
 }
 
-bool Replay::nextIs(Op op) {
-    const Record* const record = next();
-    return record && record->op == op;
-}
-
-bool Replay::nextIsFile() {
-    const Record* const record = next();
-    return record && record->op >= Op::createFile && record->op <= Op::makeDirectory;
-}
-
 Record Replay::question(Op op, std::string_view what) {
     next();
     const auto found =

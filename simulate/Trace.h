@@ -143,12 +143,6 @@ public:
     Record expect(Op op, std::string_view what);
     // The next effect is of this kind, whatever it says.
     Record expectAny(Op op);
-    // Whether the next effect is of this kind.
-    bool nextIs(Op op);
-    // Whether the next effect is a call on a file.
-    bool nextIsFile();
-    // Takes the next effect, whatever it is.
-    void skip() { expectAny(next()->op); }
     // The daemon asked this during this work, since the last effect or before; throws Mismatch where it did not.
     Record question(Op op, std::string_view what);
     // The same for a question that need not have been asked: a record without an error then.
