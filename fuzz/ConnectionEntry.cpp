@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "activation/ActivationState.h"
+#include "activation/AppActivationTracker.h"
 #include "hang/HangState.h"
 #include "hang/QXProcessInfo.h"
 #include "perfstats/PerfState.h"
@@ -133,6 +134,9 @@ public:
     void requireNothingLeft() {
         require(hangState().watchedProcesses.empty(), "a process that is watched without a connection");
         require(regions_.counters().mappings == 0, "a region that stays mapped");
+        const auto& tracker = activationState().sharedInstance;
+        require(!tracker || tracker->counters().openActivations == 0, "an activation that stays open");
+        require(perfState().memory.usedBytes() == 0, "a snapshot that is kept");
         require(device_.files.openFiles().empty(), "a file that stays open");
         const std::string caches = "/var/root/Library/Caches/quorvixd/";
         require(device_.files.list(caches + "tmp").empty(), "a report that is half there");

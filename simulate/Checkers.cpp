@@ -7,8 +7,10 @@
 #include <span>
 
 #include "activation/ActivationState.h"
+#include "activation/AppActivationTracker.h"
 #include "hang/HangState.h"
 #include "hang/QXProcessInfo.h"
+#include "perfstats/PerfState.h"
 #include "simulate/Require.h"
 #include "simulate/Text.h"
 
@@ -19,6 +21,12 @@ namespace {
 // What a run may hold at any time beyond what it held after a day: a leak of a hundred bytes a hang shows.
 constexpr std::uint64_t kGrowthBytes = 8 << 20;
 constexpr std::uint64_t kMinutesADay = 1440;
+
+// As the daemon counts them, not the model.
+std::uint64_t openActivations() {
+    const auto& tracker = activationState().sharedInstance;
+    return tracker ? tracker->counters().openActivations.load() : 0;
+}
 
 }  // namespace
 
@@ -118,6 +126,10 @@ void Checkers::everyMinute() {
     if (!world_.running()) return;
     const HangState& state = hangState();
     const Model& model = world_.model();
+    // With none open and nothing on its way to the power log, nobody needs a snapshot.
+    if (model.openActivations() == 0 && model.outputsWaiting() == 0) {
+        require(perfState().memory.usedBytes() == 0, "memory of snapshots is held without an activation");
+    }
     for (std::size_t i = 0; i < state.watchedProcesses.size(); ++i) {
         const auto& real = *state.watchedProcesses[i];
         const auto& expected = *model.watched()[i];
@@ -132,6 +144,7 @@ void Checkers::everyMinute() {
     require(state.maxDailyLogs == model.maxDailyLogs(), "the daily limit is not the model's");
     require(activationState().activationsRecordedCount == model.activationsRecorded(),
             "the count of activations is not the model's");
+    require(openActivations() == model.openActivations(), "the number of open activations is not the model's");
     for (const Region& region : fleet_.regions()) {
         const auto real = region.real->bytes();
         const auto expected = std::span(region.model->bytes).first(real.size());
@@ -142,10 +155,11 @@ void Checkers::everyMinute() {
 void Checkers::atTheEnd() {
     afterStep();
     everyMinute();
+    require(perfState().memory.usedBytes() == 0, "memory of snapshots is held at the end");
     if (!world_.running()) return;
     require(hangState().watchedProcesses.empty(), "the registry is not empty at the end");
     require(world_.device.regions.liveMappings() == 0, "a mapping is left at the end");
-    require(world_.model().openActivations() == 0, "an activation is open at the end");
+    require(openActivations() == 0, "an activation is open at the end");
     require(world_.device.messages.liveConnections() == 0, "a connection is left at the end");
     require(!hangState().fenceHangCapturePending, "a capture is pending at the end");
 }

@@ -56,6 +56,7 @@ public:
     bool fenceCapturePending() const { return fenceCapturePending_; }
     std::uint64_t mappingsHeld() const;
     std::uint64_t openActivations() const { return activations_.size(); }
+    std::uint32_t outputsWaiting() const { return outputsWaiting_; }
     std::uint32_t activationsRecorded() const { return activationsRecorded_; }
     bool listenerGone() const { return listenerGone_; }
     bool hangTracing() const { return hangTracing_; }
@@ -174,6 +175,7 @@ private:
     std::optional<std::vector<ModelDifference>> differences(const ModelSnapshot& start, const ModelSnapshot& end);
     ResourceUsage usageDifference(const ResourceUsage& start, const ResourceUsage& end, std::int32_t pid);
     void powerLog(Activation& activation);
+    void expectLineLike(std::string_view beginning);
     void expectDictionary(const Record& event, std::string_view title, const Ranked& entries);
     void numberEntries(const Ranked& ordered, std::string_view text, Ranked& numbered);
     void expectLaunchLine(const std::string& bundle);
@@ -228,6 +230,8 @@ private:
     std::map<std::string, ActivationPointer> activations_;
     std::int32_t largestPid_ = -1;
     std::uint32_t activationsRecorded_ = 0;
+    // Finished activations on their way to the power log.
+    std::uint32_t outputsWaiting_ = 0;
     bool otherProcessesSent_ = false;
 };
 

@@ -212,7 +212,9 @@ void Model::endStep(const ActivationEnd& end) {
         log("QXActivationStats: endActivationTrackingForPID: Did not find an existing entry for " + key + "\n");
     }
     if (record->startState == 1 && end.state == 1 && maxActivations_ > activationsRecorded_) {
+        ++outputsWaiting_;
         post(QueueName::output, [this, record, bundle = end.bundle] {
+            --outputsWaiting_;
             ++activationsRecorded_;
             powerLog(*record);
             debug(print("QXActivationStats: Sending activation for %s to Wattrel. Number Of Activations recorded:%d",
@@ -449,7 +451,8 @@ void Model::powerLog(Activation& record) {
     const std::string appName = ascii(record.processName.value_or(record.bundle));
     addProcess(record.pid, appName);
     debug(print("QXActivationStats: Sending Activation Flags:%llx", static_cast<Number>(record.flags)));
-    if (debugLines_) replay_.expectAny(Op::logLine);  // "StartTime we got": the form of its object is not fixed
+    // The form of its object is not fixed.
+    if (debugLines_) expectLineLike("d:QXActivationStats: StartTime we got");
 
     const std::string activationData = print(
         "{\"Timestamp\":%s,\"ActivationID\":%llu,\"UniqueID\":%llu,\"SystemUptime\":%lld,\"BundleID\":\"%s\","
@@ -483,6 +486,12 @@ void Model::powerLog(Activation& record) {
     debug("QXActivationStats: CPU Data:" + shown(cpuData) + "\n");
     debug("QXActivationStats: VM Data:" + memory + "\n");
     debug("QXActivationStats: Process Data:" + shown(processData) + "\n");
+}
+
+void Model::expectLineLike(std::string_view beginning) {
+    const Record line = replay_.expectAny(Op::logLine);
+    if (line.what.starts_with(beginning)) return;
+    throw Mismatch{"expected a line \"" + std::string(beginning) + "...\", got \"" + line.what + "\""};
 }
 
 void Model::expectDictionary(const Record& event, std::string_view title, const Ranked& entries) {
