@@ -1,7 +1,5 @@
 #include "simulate/Checkers.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <set>
 #include <span>
@@ -18,10 +16,6 @@ namespace quorvix::simulate {
 
 namespace {
 
-// What a run may hold at any time beyond what it held after a day: a leak of a hundred bytes a hang shows.
-constexpr std::uint64_t kGrowthBytes = 8 << 20;
-constexpr std::uint64_t kMinutesADay = 1440;
-
 // As the daemon counts them, not the model.
 std::uint64_t openActivations() {
     const auto& tracker = activationState().sharedInstance;
@@ -36,6 +30,7 @@ void Checkers::see(QueueName, const Record& record) {
     switch (record.op) {
         case Op::logLine:
             ++logLines_;
+            hangsOfAWork_.line(record.what);
             hangs_ += record.what.find(": Hang detected ") != std::string::npos;
             break;
         case Op::dump:
@@ -48,6 +43,14 @@ void Checkers::see(QueueName, const Record& record) {
         case Op::powerEvent: ++powerEvents_; break;
         default: break;
     }
+}
+
+void Checkers::workEnded() {
+    hangsOfAWork_.endOfWork([](std::string_view name) {
+        return static_cast<std::size_t>(std::ranges::count(hangState().watchedProcesses, name, [](const auto& process) {
+            return std::string_view(process->processName());
+        }));
+    });
 }
 
 void Checkers::afterStep() {
@@ -118,10 +121,11 @@ void Checkers::everyMinute() {
     device.random.forgetCalls();
     device.preferences.clearCalls();
     device.renderServer.forgetMessages();
-    if (++minutes_ % kMinutesADay == 0) {
-        const std::uint64_t held = mallinfo2().uordblks;
-        if (settledBytes_ == 0) settledBytes_ = held;
-        require(held < settledBytes_ + kGrowthBytes, "memory grows without bound");
+    if (++minutes_ % 60 == 0) {
+        // Clients decide about the model's copies of their regions, of up to two mebibytes each.
+        std::uint64_t copies = 0;
+        for (const Region& region : world_.regionsInUse()) copies += region.model->bytes.capacity();
+        heldMemory_.hour(heldBytes() - copies);
     }
     if (!world_.running()) return;
     const HangState& state = hangState();
@@ -145,7 +149,7 @@ void Checkers::everyMinute() {
     require(activationState().activationsRecordedCount == model.activationsRecorded(),
             "the count of activations is not the model's");
     require(openActivations() == model.openActivations(), "the number of open activations is not the model's");
-    for (const Region& region : fleet_.regions()) {
+    for (const Region& region : world_.regionsInUse()) {
         const auto real = region.real->bytes();
         const auto expected = std::span(region.model->bytes).first(real.size());
         require(std::ranges::equal(real, expected), "a client's region is not what the model made of it");

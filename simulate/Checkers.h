@@ -4,9 +4,10 @@
 #include <string>
 
 #include "hang/HangState.h"
-#include "simulate/Actions.h"
 #include "simulate/DailyReports.h"
 #include "simulate/FailedRemovals.h"
+#include "simulate/HangsOfAWork.h"
+#include "simulate/HeldMemory.h"
 #include "simulate/World.h"
 
 namespace quorvix::simulate {
@@ -14,10 +15,12 @@ namespace quorvix::simulate {
 // What must hold whatever happens, looked at from outside of both the daemon and the model. Each throws Mismatch.
 class Checkers {
 public:
-    Checkers(World& world, const Fleet& fleet) : world_(world), fleet_(fleet) {}
+    explicit Checkers(World& world) : world_(world) {}
 
     // For every record of the daemon, as it is complete.
     void see(QueueName queue, const Record& record);
+    // After the records of one piece of work.
+    void workEnded();
     // Cheap: after every step.
     void afterStep();
     // The whole comparison: every simulated minute. Collects the reports that lie about.
@@ -37,7 +40,6 @@ private:
     void checkReports();
 
     World& world_;
-    const Fleet& fleet_;
     std::uint64_t reports_ = 0;
     std::uint64_t memoryReports_ = 0;
     std::uint64_t hangs_ = 0;
@@ -45,7 +47,8 @@ private:
     std::uint64_t logLines_ = 0;
     DailyReports dailyReports_{HangState::kDefaultMaxDailyLogs};
     FailedRemovals failedRemovals_;
-    std::uint64_t settledBytes_ = 0;
+    HangsOfAWork hangsOfAWork_;
+    HeldMemory heldMemory_;
     std::uint64_t minutes_ = 0;
 };
 

@@ -8,6 +8,8 @@ namespace {
 
 // Runs that a search may take: a run of many days is long.
 constexpr int kMostRuns = 400;
+// One that does not end takes seconds.
+constexpr int kRunsForAStuckOne = 5;
 
 class Search {
 public:
@@ -16,13 +18,18 @@ public:
     // Whether this run fails; if so it is the best.
     bool tries(const Options& options) {
         if (++runs_ > kMostRuns) return false;
-        Journal silent;
-        const Outcome outcome = simulate(options, silent);
-        if (!outcome.failure) return false;
+        const Ending ending = runApart(
+            [&](const OnProgress& onProgress) {
+                Journal silent;
+                return simulate(options, silent, onProgress).failure ? 1 : 0;
+            },
+            true);
+        if (ending.stuck) runs_ += kRunsForAStuckOne;
+        if (!ending.failed) return false;
         best_ = options;
         // What comes after the failure plays no part.
-        best_.minutes = std::min(best_.minutes.value_or(UINT64_MAX), outcome.failedAfterMinutes + 1);
-        if (best_.only) best_.only = outcome.actions;
+        best_.minutes = std::min(best_.minutes.value_or(UINT64_MAX), ending.progress.minutes + 1);
+        if (best_.only) best_.only = actionsOf(options, ending.progress);
         return true;
     }
     bool out() const { return runs_ > kMostRuns; }
@@ -59,10 +66,10 @@ void dropActions(Search& search) {
 
 }  // namespace
 
-Options shrink(const Options& options, const Outcome& outcome) {
+Options shrink(const Options& options, const Ending& ending) {
     Options first = options;
-    first.minutes = outcome.failedAfterMinutes + 1;
-    first.only = outcome.actions;
+    first.minutes = ending.progress.minutes + 1;
+    first.only = actionsOf(options, ending.progress);
     Search search(first);
     if (!search.tries(first)) return options;
     dropActions(search);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 
 #include "simulate/Checkers.h"
 #include "simulate/Text.h"
@@ -18,14 +19,16 @@ constexpr std::uint64_t kMinutesOfADay = 24 * 60;
 // A run in progress.
 class Run {
 public:
-    Run(const Options& options, Journal& journal)
+    Run(const Options& options, Journal& journal, const OnProgress& onProgress)
         : options_(options),
           journal_(journal),
+          onProgress_(onProgress),
           world_(options.seed),
           fleet_(world_, options.clients),
-          checkers_(world_, fleet_),
+          checkers_(world_),
           begin_(world_.device.scheduler.monotonicNow()) {
         world_.trace.onRecord = [this](QueueName queue, const Record& record) { write(queue, record); };
+        world_.trace.onWorkEnd = [this] { checkers_.workEnded(); };
     }
 
     void go(Outcome& outcome) {
@@ -48,6 +51,8 @@ public:
             outcome.failedAfterAction = index;
             outcome.actions.push_back(index);
             ++actionsOf_[static_cast<std::size_t>(action.kind)];
+            progress_.actions = index + 1;
+            tellProgress();
             if (journals())
                 journal_.line(print("%s action %llu %s", time().c_str(), ull(index), nameOf(action.kind).data()));
             const std::uint64_t starts = world_.starts;
@@ -85,7 +90,12 @@ private:
             if (world_.starts != starts) checkers_.processStarted();
             checkers_.afterStep();
             if (minute <= moment) checkers_.everyMinute();
+            tellProgress();
         }
+    }
+    void tellProgress() {
+        progress_.minutes = minutesGone();
+        if (onProgress_) onProgress_(progress_);
     }
     void write(QueueName queue, const Record& record) {
         checkers_.see(queue, record);
@@ -115,6 +125,8 @@ private:
 
     const Options& options_;
     Journal& journal_;
+    const OnProgress& onProgress_;
+    Progress progress_;
     World world_;
     Fleet fleet_;
     Checkers checkers_;
@@ -143,18 +155,32 @@ std::string Options::text() const {
     return out;
 }
 
-Outcome simulate(const Options& options, Journal& journal) {
+Outcome simulate(const Options& options, Journal& journal, const OnProgress& onProgress) {
     Outcome outcome;
     journal.line(options.text());
-    Run run(options, journal);
+    Run run(options, journal, onProgress);
+    const auto fail = [&](const std::string& text) {
+        outcome.failure = run.time() + " s: " + text;
+        outcome.failedAfterMinutes = run.minutesGone();
+    };
     try {
         run.go(outcome);
     } catch (const Mismatch& mismatch) {
-        outcome.failure = run.time() + " s: " + mismatch.text;
-        outcome.failedAfterMinutes = run.minutesGone();
+        fail(mismatch.text);
+    } catch (const std::exception& exception) {
+        fail(std::string("the daemon threw: ") + exception.what());
     }
     outcome.sum = journal.sum();
     return outcome;
+}
+
+std::vector<std::uint64_t> actionsOf(const Options& options, const Progress& progress) {
+    std::vector<std::uint64_t> actions;
+    for (std::uint64_t index = 0; index < progress.actions; ++index) {
+        if (options.only && !std::ranges::binary_search(*options.only, index)) continue;
+        if (!options.without.contains(actionOf(options.seed, index).kind)) actions.push_back(index);
+    }
+    return actions;
 }
 
 }  // namespace quorvix::simulate

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -39,7 +40,18 @@ struct Outcome {
     std::string summary;
 };
 
-// One run from the start of the device to its end.
-Outcome simulate(const Options& options, Journal& journal);
+// How far a run is: of its first so many actions those that take part were applied, and the last of them may have ended
+// it.
+struct Progress {
+    std::uint64_t actions = 0;
+    std::uint64_t minutes = 0;
+};
+using OnProgress = std::function<void(const Progress&)>;
+
+// One run from the start of the device to its end. Exceptions of the daemon are failures too.
+Outcome simulate(const Options& options, Journal& journal, const OnProgress& onProgress = {});
+
+// The numbers of the actions that such a run applied.
+std::vector<std::uint64_t> actionsOf(const Options& options, const Progress& progress);
 
 }  // namespace quorvix::simulate

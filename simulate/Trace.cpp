@@ -81,6 +81,7 @@ void Trace::endWork() {
     if (onRecord) {
         for (const Record& record : current_.records) onRecord(queue_, record);
     }
+    if (onWorkEnd) onWorkEnd();
     groups_[static_cast<std::size_t>(queue_)].push_back(std::exchange(current_, {}));
 }
 

@@ -112,6 +112,8 @@ public:
 
     // Called for every record once it is complete, at the end of its work.
     std::function<void(QueueName, const Record&)> onRecord;
+    // Called after those of one piece of work.
+    std::function<void()> onWorkEnd;
 
 private:
     friend class Replay;

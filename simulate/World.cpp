@@ -208,7 +208,15 @@ Region World::makeRegion(std::uint32_t version, std::uint32_t slotCount, std::ui
     region.model->length = length;
     region.model->bytes.resize((length + kPage - 1) / kPage * kPage);
     if (length > 0) std::memcpy(region.model->bytes.data(), region.real->bytes().data(), length);
+    regions_.push_back(region);
     return region;
+}
+
+const std::vector<Region>& World::regionsInUse() {
+    // Nobody holds it but this list. The model holds what the daemon has mapped.
+    std::erase_if(regions_,
+                  [](const Region& region) { return region.real.use_count() == 1 && region.model.use_count() == 1; });
+    return regions_;
 }
 
 void World::setPath(std::int32_t pid, const std::string& path) {

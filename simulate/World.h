@@ -81,6 +81,8 @@ public:
     void post(std::string_view notification, std::chrono::nanoseconds delay = {});
     void setPreference(std::string_view domain, std::string_view key, std::optional<PropertyListValue> value);
     void setProfile(std::optional<PropertyListDictionary> profile);
+    // Of clients that live, on their way, or mapped by the daemon whose client has gone or has taken another.
+    const std::vector<Region>& regionsInUse();
     Region makeRegion(std::uint32_t version, std::uint32_t slotCount, std::uint64_t length);
     void setPath(std::int32_t pid, const std::string& path);
     void removePath(std::int32_t pid);
@@ -121,6 +123,7 @@ private:
     // In the order in which they were made.
     std::vector<Connection> connections_;
     std::multimap<std::chrono::nanoseconds, Work> planned_;
+    std::vector<Region> regions_;
 };
 
 }  // namespace quorvix::simulate
