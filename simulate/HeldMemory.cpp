@@ -2,8 +2,11 @@
 
 #include <malloc.h>
 
+#include <cstddef>
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+// The compiler packages bring it without its header.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 namespace quorvix::simulate {
