@@ -5,7 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
+
+#include "hang/HangState.h"
+#include "perfstats/PerfState.h"
 
 namespace quorvix::simulate {
 namespace {
@@ -69,6 +73,88 @@ TEST(FailedRemovals, ExcuseTheFileThatCouldNotBeRemovedAndNoOther) {
     EXPECT_FALSE(removals.excuse("/cache/tmp", "b.ips"));
     removals.forget();
     EXPECT_FALSE(removals.excuse("/cache", "b.ips"));
+}
+
+TEST(HeldMemoryChecker, AllowsWhatTheFirstHoursHeldAndFindsGrowth) {
+    HeldMemory memory;
+    for (int i = 0; i < 6; ++i) memory.hour(1 << 20);
+    EXPECT_EQ(said([&] { memory.hour((1 << 20) + HeldMemory::kSwingBytes); }), "");
+    EXPECT_EQ(said([&] { memory.hour((1 << 20) + HeldMemory::kSwingBytes + HeldMemory::kGrowthBytesADay); }),
+              "checker: memory grows without bound");
+}
+
+TEST(HeldMemoryChecker, CountsWhatIsAllocatedAndNotWhatWasGivenBack) {
+    const std::uint64_t before = heldBytes();
+    auto kept = std::make_unique<std::string>(100'000, 'x');
+    EXPECT_GE(heldBytes(), before + 100'000);
+    kept.reset();
+    EXPECT_LT(heldBytes(), before + 50'000);
+}
+
+TEST(HangsOfAWorkChecker, AllowsOneForEachWatchedProcess) {
+    HangsOfAWork hangs;
+    const auto two = [](std::string_view name) { return name == "Mail" ? std::size_t{2} : std::size_t{0}; };
+    for (int i = 0; i < 2; ++i) hangs.line("I:Mail: Hang detected 6.00s (main)");
+    EXPECT_EQ(said([&] { hangs.endOfWork(two); }), "");
+    for (int i = 0; i < 3; ++i) hangs.line("I:Mail: Hang detected 6.00s (main)");
+    EXPECT_EQ(said([&] { hangs.endOfWork(two); }), "checker: more than one hang of a process in a check");
+}
+
+struct CheckersTest : ::testing::Test {
+    World world{5};
+    Checkers checkers{world};
+
+    void SetUp() override {
+        world.setPreference("com.norvane.da", "QuorvixEnabled", true);
+        world.start();
+        ASSERT_TRUE(world.running());
+        ASSERT_EQ(said([&] { checkers.afterStep(); }), "");
+        ASSERT_EQ(said([&] { checkers.everyMinute(); }), "");
+        ASSERT_EQ(said([&] { checkers.atTheEnd(); }), "");
+    }
+    std::string step() {
+        return said([&] { checkers.afterStep(); });
+    }
+    std::string minute() {
+        return said([&] { checkers.everyMinute(); });
+    }
+};
+
+TEST_F(CheckersTest, AFileThatStaysOpenIsFound) {
+    const auto opened = world.device.files.createFile({kTmp, "open"}, 0644, 4);
+    ASSERT_TRUE(opened);
+    EXPECT_EQ(step(), "checker: a file was left open");
+    world.device.files.close(*opened);
+    EXPECT_EQ(step(), "");
+}
+
+TEST_F(CheckersTest, AReportThatIsHalfThereIsFound) {
+    world.device.files.addFile(std::string(kSpool) + "/half", "TRACE {\"Reason\":\"");
+    EXPECT_EQ(minute().find("checker: the report half is half there"), 0u);
+}
+
+TEST_F(CheckersTest, WhatWasBegunAndNotRemovedIsFound) {
+    world.device.files.addFile(std::string(kTmp) + "/begun", "x");
+    EXPECT_EQ(minute(), "checker: a report that was begun lies in the tmp folder");
+}
+
+TEST_F(CheckersTest, TwoPendingCapturesAreFound) {
+    hangState().fenceHangCapturePending = true;
+    EXPECT_EQ(step(), "checker: the pending fence capture is not the model's");
+    hangState().fenceHangCapturePending = false;
+    EXPECT_EQ(step(), "");
+}
+
+TEST_F(CheckersTest, CreditsPastTheirBoundAreFound) {
+    hangState().appCredits["Mail"] = 4;
+    EXPECT_EQ(step(), "checker: credits of an app above 3");
+}
+
+TEST_F(CheckersTest, MemoryOfSnapshotsIsFound) {
+    ASSERT_TRUE(perfState().memory.reserve(1));
+    EXPECT_EQ(minute(), "checker: memory of snapshots is held without an activation");
+    perfState().memory.release(1);
+    EXPECT_EQ(minute(), "");
 }
 
 }  // namespace
