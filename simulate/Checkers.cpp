@@ -24,9 +24,14 @@ std::uint64_t openActivations() {
 
 }  // namespace
 
-void Checkers::processStarted() { dailyReports_ = DailyReports(HangState::kDefaultMaxDailyLogs); }
+void Checkers::lookForNewProcess() {
+    if (starts_ == world_.starts) return;
+    starts_ = world_.starts;
+    dailyReports_ = DailyReports(HangState::kDefaultMaxDailyLogs);
+}
 
 void Checkers::see(QueueName, const Record& record) {
+    lookForNewProcess();
     switch (record.op) {
         case Op::logLine:
             ++logLines_;
@@ -54,6 +59,7 @@ void Checkers::workEnded() {
 }
 
 void Checkers::afterStep() {
+    lookForNewProcess();
     require(world_.device.files.openFiles().empty(), "a file was left open");
     require(world_.device.files.wrongCloses() == 0, "a file was closed twice");
     require(world_.device.renderServer.portReferences() == 0, "a port of the render server was not released");

@@ -27,8 +27,6 @@ public:
     void everyMinute();
     // Every client is gone and all time-outs have passed: nothing may be left.
     void atTheEnd();
-    // The daemon's process is a new one.
-    void processStarted();
 
     std::uint64_t reports() const { return reports_; }
     std::uint64_t memoryReports() const { return memoryReports_; }
@@ -37,6 +35,8 @@ public:
     std::uint64_t logLines() const { return logLines_; }
 
 private:
+    // The daemon's process may be a new one, since any moment: a record can be its first.
+    void lookForNewProcess();
     void checkReports();
 
     World& world_;
@@ -50,6 +50,7 @@ private:
     HangsOfAWork hangsOfAWork_;
     HeldMemory heldMemory_;
     std::uint64_t minutes_ = 0;
+    std::uint64_t starts_ = 0;
 };
 
 }  // namespace quorvix::simulate

@@ -55,9 +55,7 @@ public:
             tellProgress();
             if (journals())
                 journal_.line(print("%s action %llu %s", time().c_str(), ull(index), nameOf(action.kind).data()));
-            const std::uint64_t starts = world_.starts;
             fleet_.apply(action);
-            if (world_.starts != starts) checkers_.processStarted();
         }
         moveTo(end);
         if (world_.running()) {
@@ -85,9 +83,7 @@ private:
         while (world_.device.scheduler.monotonicNow() < moment) {
             const auto now = world_.device.scheduler.monotonicNow();
             const auto minute = begin_ + ((now - begin_) / 1min + 1) * 1min;
-            const std::uint64_t starts = world_.starts;
             world_.advance(std::min(moment, minute) - now);
-            if (world_.starts != starts) checkers_.processStarted();
             checkers_.afterStep();
             if (minute <= moment) checkers_.everyMinute();
             tellProgress();
