@@ -20,11 +20,10 @@ namespace quorvix::simulate {
 namespace {
 
 // A step takes milliseconds. CPU time first: a loaded machine does not count; the other is for one that only waits.
-constexpr long kMostCpuSecondsOfAStep = 10;
 constexpr unsigned kMostSecondsOfAStep = 300;
 
-void armTimers() {
-    const itimerval cpu{.it_interval = {}, .it_value = {.tv_sec = kMostCpuSecondsOfAStep, .tv_usec = 0}};
+void armTimers(long cpuSeconds) {
+    const itimerval cpu{.it_interval = {}, .it_value = {.tv_sec = cpuSeconds, .tv_usec = 0}};
     setitimer(ITIMER_PROF, &cpu, nullptr);
     alarm(kMostSecondsOfAStep);
 }
@@ -39,7 +38,7 @@ void silence() {
 
 }  // namespace
 
-Ending runApart(const std::function<int(const OnProgress&)>& run, bool quiet) {
+Ending runApart(const std::function<int(const OnProgress&)>& run, bool quiet, long mostCpuSecondsOfAStep) {
     void* const page = mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) return {.failed = true, .crash = "no memory for the run"};
     auto* const shared = new (page) Progress;
@@ -47,10 +46,10 @@ Ending runApart(const std::function<int(const OnProgress&)>& run, bool quiet) {
     const pid_t child = fork();
     if (child == 0) {
         if (quiet) silence();
-        armTimers();
-        std::exit(run([shared](const Progress& progress) {
+        armTimers(mostCpuSecondsOfAStep);
+        std::exit(run([shared, mostCpuSecondsOfAStep](const Progress& progress) {
             *shared = progress;
-            armTimers();
+            armTimers(mostCpuSecondsOfAStep);
         }));
     }
     Ending ending;

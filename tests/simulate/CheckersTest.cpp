@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <memory>
 #include <string>
 
 #include "hang/HangState.h"
 #include "perfstats/PerfState.h"
+#include "simulate/Apart.h"
 
 namespace quorvix::simulate {
 namespace {
@@ -98,6 +100,30 @@ TEST(HangsOfAWorkChecker, AllowsOneForEachWatchedProcess) {
     EXPECT_EQ(said([&] { hangs.endOfWork(two); }), "");
     for (int i = 0; i < 3; ++i) hangs.line("I:Mail: Hang detected 6.00s (main)");
     EXPECT_EQ(said([&] { hangs.endOfWork(two); }), "checker: more than one hang of a process in a check");
+}
+
+TEST(RunApart, TellsHowARunEnded) {
+    const Ending good =
+        runApart([](const OnProgress& onProgress) { return onProgress({.actions = 7, .minutes = 3}), 0; });
+    EXPECT_FALSE(good.failed);
+    EXPECT_EQ(good.progress.actions, 7u);
+    EXPECT_EQ(good.progress.minutes, 3u);
+    EXPECT_TRUE(runApart([](const OnProgress&) { return 1; }).failed);
+    EXPECT_EQ(runApart([](const OnProgress&) { return 1; }).crash, "");
+    EXPECT_EQ(runApart([](const OnProgress&) { return raise(SIGKILL); }).crash, "the process ended by signal 9");
+}
+
+TEST(RunApart, EndsAStepThatDoesNotEnd) {
+    const Ending ending = runApart(
+        [](const OnProgress&) {
+            for (volatile bool endless = true; endless;) {
+            }
+            return 0;
+        },
+        true, 1);
+    EXPECT_TRUE(ending.failed);
+    EXPECT_TRUE(ending.stuck);
+    EXPECT_EQ(ending.crash, "a step does not come to its end");
 }
 
 struct CheckersTest : ::testing::Test {
