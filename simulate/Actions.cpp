@@ -232,10 +232,6 @@ void Fleet::watch(Client& client, Dice& dice) {
                                           : dice.oneOf<std::uint64_t>({0, 1, 3, 8, 2087, 4096, 2097152});
         const auto version = static_cast<std::uint32_t>(good ? 4 : dice.between(3, 5));
         client.region = world_.makeRegion(version, static_cast<std::uint32_t>(dice.oneOf<int>({20, 20, 3, 1})), length);
-        regions_.clear();
-        for (const Client& each : clients_) {
-            if (each.region.real) regions_.push_back(each.region);
-        }
     }
     if (dice.oneIn(30)) world_.removePath(client.pid);
     message.memory("shmem", client.region);
@@ -406,7 +402,6 @@ void Fleet::everyoneDies() {
         if (client.second) world_.die(*client.second);
         client = {};
     }
-    regions_.clear();
 }
 
 void Fleet::lie(Client& client, Dice& dice) {

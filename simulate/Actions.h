@@ -62,8 +62,6 @@ public:
     void apply(Action action);
     // Every client goes.
     void everyoneDies();
-    // Regions of clients that live, with the model's copies.
-    const std::vector<Region>& regions() const { return regions_; }
 
 private:
     // What keeps the daemon running.
@@ -120,7 +118,6 @@ private:
     std::uint64_t restartOneIn_ = 0;
     Source kept_ = Source::none;
     std::vector<Client> clients_;
-    std::vector<Region> regions_;
     std::int32_t nextPid_ = 1000;
     std::vector<std::int32_t> freePids_;
 };

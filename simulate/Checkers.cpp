@@ -51,6 +51,7 @@ void Checkers::see(QueueName, const Record& record) {
 }
 
 void Checkers::workEnded() {
+    dailyReports_.limitIs(hangState().maxDailyLogs);
     hangsOfAWork_.endOfWork([](std::string_view name) {
         return static_cast<std::size_t>(std::ranges::count(hangState().watchedProcesses, name, [](const auto& process) {
             return std::string_view(process->processName());
