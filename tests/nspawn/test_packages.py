@@ -220,7 +220,7 @@ class Packages(unittest.TestCase):
         refused = wait_until(lambda: [entry for entry in MACHINE.journal("QUORVIX_REASON=switched-off")], 40, "the refusal")
         explained = MACHINE.must("journalctl", "--no-pager", "-x", f"MESSAGE_ID={refused[0]['MESSAGE_ID']}")
         self.assertIn("Subject: No report of this hang has been written: switched-off", explained)
-        self.assertIn("QuorvixEnableSwivex", explained)
+        self.assertIn("quorvixctl enable hang", explained)
         MACHINE.run("systemctl", "stop", "hanging")
         MACHINE.ctl("prefs", "set", "QuorvixEnableSwivex", "true")
 
