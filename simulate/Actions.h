@@ -111,6 +111,8 @@ private:
     void startDaemon(Dice& dice);
     void forgetConnections();
     void post(Dice& dice);
+    // Most notifications come at once, some later than what is changed next.
+    static std::chrono::milliseconds delay(Dice& dice);
 
     World& world_;
     // What the seed makes of this run: the share of the restarts that take place, 0 for none, and the source that is
