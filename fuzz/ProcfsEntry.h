@@ -76,6 +76,12 @@ inline bool sizes(std::string_view text) {
     return status.resident != 0 || statm.hasMemory;
 }
 
+inline bool scoreAdjustment(std::string_view text) {
+    const auto number = linuxos::parseScoreAdjustment(text);
+    require(!number || standsIn(text, *number), "an adjustment that is not in the text");
+    return number.has_value();
+}
+
 // meminfo and vmstat hold lines of the same kind, so that one text is taken as both, and as mm_stat.
 inline bool host(std::string_view text) {
     const linuxos::CompressedMemory zram = linuxos::parseCompressedMemory(text);
@@ -127,6 +133,7 @@ inline bool procfsHolds(std::string_view bytes) {
         case 'h': return procfs::host(text);
         case 'm': return procfs::modules(text);
         case 'a': return procfs::assertions(text);
+        case 'o': return procfs::scoreAdjustment(text);
         default: return false;
     }
 }

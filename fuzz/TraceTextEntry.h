@@ -66,6 +66,15 @@ inline bool freezer(std::string_view text) {
     return !files.empty();
 }
 
+inline bool scoreAdjustment(std::string_view text) {
+    const auto number = swivex::scoreAdjustmentOf(text);
+    if (!number) return false;
+    std::string digits = std::to_string(*number);
+    if (*number < 0) digits.erase(0, 1);
+    require(text.find(digits) != text.npos, "an adjustment that is not in the text");
+    return true;
+}
+
 // The first line is the key.
 inline bool status(std::string_view text) {
     const std::string_view key = takeLine(text);
@@ -192,6 +201,7 @@ inline bool traceTextHolds(std::string_view bytes) {
         case 'f': return trace_text::figures(text);
         case 'r': return trace_text::recorder(text);
         case 'c': return trace_text::arguments(text);
+        case 'o': return trace_text::scoreAdjustment(text);
         default: return false;
     }
 }

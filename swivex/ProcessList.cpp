@@ -60,7 +60,7 @@ public:
         process.kernelNs = stat->kernelTicks * nsPerTick_;
         if (readFile(base + "/status")) readStatus(process);
         if (!process.isKernel && readFile(base + "/oom_score_adj")) {
-            std::from_chars(text_.data(), text_.data() + text_.size(), process.oomScoreAdj);
+            process.oomScoreAdj = scoreAdjustmentOf(text_).value_or(0);
         }
         readThreads(base, stat->threads, process, deadline);
         return true;

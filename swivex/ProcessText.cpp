@@ -45,6 +45,12 @@ std::optional<StatLine> parseStat(std::string_view text) {
     return line;
 }
 
+std::optional<std::int32_t> scoreAdjustmentOf(std::string_view text) {
+    std::int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() ? std::optional(number) : std::nullopt;
+}
+
 std::vector<std::uint64_t> numbersOf(std::string_view text, std::string_view key) {
     std::vector<std::uint64_t> numbers;
     while (!text.empty()) {

@@ -22,6 +22,9 @@ struct StatLine {
 };
 std::optional<StatLine> parseStat(std::string_view text);
 
+// The number in a process's `oom_score_adj` file.
+std::optional<std::int32_t> scoreAdjustmentOf(std::string_view text);
+
 // The numbers of a line "Key:	1 2 3 kB" of a `status` or `meminfo` file; empty when there is none.
 std::vector<std::uint64_t> numbersOf(std::string_view text, std::string_view key);
 

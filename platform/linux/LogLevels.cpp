@@ -63,25 +63,24 @@ void LogLevels::checkFile() {
 
 std::string LogLevels::reload() {
     stamp_.reset();
-    Rules rules;
-    std::string toTell;
+    LogLevelList levels;
     const Result<PropertyListOnDisk> list = readPropertyListFile(path_);
     if (list) {
         ++reloads_;
         stamp_ = list->stamp;
-        toTell = readRules(list->dictionary, rules);
+        levels = logLevelsOf(list->dictionary);
     } else if (list.error().value != ENOENT) {
-        toTell = "log levels are the usual ones: " + path_ + ": " +
-                 (isDamagedList(list.error()) ? "damaged" : list.error().text());
+        levels.toTell = "log levels are the usual ones: " + path_ + ": " +
+                        (isDamagedList(list.error()) ? "damaged" : list.error().text());
     }
-    rules_ = std::move(rules);
+    rules_ = std::move(levels.rules);
     hasRules_.store(!rules_.empty(), std::memory_order_release);
-    return toTell;
+    return std::move(levels.toTell);
 }
 
-std::string LogLevels::readRules(const PropertyListDictionary& list, Rules& rules) const {
-    std::string toTell;
-    const auto notUnderstood = [&](const std::string& what) { toTell = "log levels: not understood: " + what; };
+LogLevelList logLevelsOf(const PropertyListDictionary& list) {
+    LogLevelList found;
+    const auto notUnderstood = [&](const std::string& what) { found.toTell = "log levels: not understood: " + what; };
     for (const auto& [subsystem, value] : list) {
         const auto* categories = std::get_if<PropertyListDictionary>(&value.content());
         if (!categories) {
@@ -90,13 +89,13 @@ std::string LogLevels::readRules(const PropertyListDictionary& list, Rules& rule
         }
         for (const auto& [category, word] : *categories) {
             if (const std::optional<LogLevel> level = levelNamed(word)) {
-                rules[subsystem][category] = *level;
+                found.rules[subsystem][category] = *level;
             } else {
                 notUnderstood(subsystem + " " + category);
             }
         }
     }
-    return toTell;
+    return found;
 }
 
 }  // namespace quorvix::linuxos

@@ -16,6 +16,16 @@
 
 namespace quorvix::linuxos {
 
+// Subsystem -> category or "*" -> the least important level that is kept.
+using LogRules = std::map<std::string, std::map<std::string, LogLevel, std::less<>>, std::less<>>;
+
+// What of a list of log levels is understood, and what to tell of the rest: empty, all was.
+struct LogLevelList {
+    LogRules rules;
+    std::string toTell;
+};
+LogLevelList logLevelsOf(const PropertyListDictionary& list);
+
 // Which lines the log keeps, as an administrator's property list says:
 //
 //   <dict>
@@ -44,14 +54,9 @@ public:
     std::uint64_t reloads() const { return reloads_; }
 
 private:
-    // Subsystem -> category or "*" -> the least important level that is kept.
-    using Categories = std::map<std::string, LogLevel, std::less<>>;
-    using Rules = std::map<std::string, Categories, std::less<>>;
-
     void checkFile();
     // What to tell, if anything. Called with mutex_ held.
     std::string reload();
-    std::string readRules(const PropertyListDictionary& list, Rules& rules) const;
 
     const std::string path_;
     const std::chrono::nanoseconds checkInterval_;
@@ -63,7 +68,7 @@ private:
     std::atomic<std::uint64_t> reloads_{0};
 
     std::mutex mutex_;
-    Rules rules_;
+    LogRules rules_;
     std::optional<FileStamp> stamp_;
     std::string told_;
 };

@@ -40,6 +40,12 @@ StatmText parseStatm(std::string_view text) {
     return {.anonymousPages = values[1] > values[2] ? values[1] - values[2] : 0, .hasMemory = values[0] != 0};
 }
 
+std::optional<std::int32_t> parseScoreAdjustment(std::string_view text) {
+    std::int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() ? std::optional(number) : std::nullopt;
+}
+
 int LinuxProcessMemory::openDirectory() {
     if (!directory_) directory_.reset(::open(places_.proc.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return directory_ ? 0 : errno;
@@ -83,9 +89,10 @@ std::optional<LinuxProcessMemory::Entry> LinuxProcessMemory::entryOf(std::int32_
         if (!ofThreads) return std::nullopt;
         entry.footprint = *ofThreads;
     }
-    const std::string_view text = readFile(prefix + "/oom_score_adj");
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), entry.priority);
-    if (error == std::errc()) return entry;
+    if (const auto adjustment = parseScoreAdjustment(readFile(prefix + "/oom_score_adj"))) {
+        entry.priority = *adjustment;
+        return entry;
+    }
     if (!couldNotBeRead()) return std::nullopt;  // gone since
     ++unreadable_;
     return entry;

@@ -23,6 +23,9 @@ struct StatmText {
 };
 StatmText parseStatm(std::string_view text);
 
+// The number in /proc/PID/oom_score_adj's text.
+std::optional<std::int32_t> parseScoreAdjustment(std::string_view text);
+
 // Per-process memory from procfs, through one kept directory descriptor and one buffer. The priority list reads each
 // process's size too, since that tells processes from kernel threads; the footprint is answered from there. The files
 // it reads are sums that the kernel keeps: none of them walks a process's page tables. One thread.

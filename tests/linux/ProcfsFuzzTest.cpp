@@ -7,7 +7,7 @@
 namespace quorvix {
 namespace {
 
-TEST(ProcfsFuzzTest, EverySeedIsReadUnlessItIsNamedBad) { tests::expectSeedsHold("procfs", fuzz::procfsHolds, 21); }
+TEST(ProcfsFuzzTest, EverySeedIsReadUnlessItIsNamedBad) { tests::expectSeedsHold("procfs", fuzz::procfsHolds, 23); }
 
 TEST(ProcfsFuzzTest, EverySeedOfOsReleaseNamesSomethingUnlessItIsNamedBad) {
     tests::expectSeedsHold("os-release", osReleaseHolds, 5);

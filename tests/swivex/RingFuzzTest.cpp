@@ -13,7 +13,7 @@ TEST(RingFuzz, EverySeedOfAPageIsReadUnlessItIsNamedBad) { expectSeedsHold("ring
 TEST(RingFuzz, EverySeedOfALineIsReadUnlessItIsNamedBad) { expectSeedsHold("ring-text", ringTextHolds, 8); }
 
 TEST(TraceTextFuzz, EverySeedIsReadUnlessItIsNamedBad) {
-    expectSeedsHold("trace-text", quorvix::fuzz::traceTextHolds, 28);
+    expectSeedsHold("trace-text", quorvix::fuzz::traceTextHolds, 30);
 }
 
 TEST(StackRecordsFuzz, EverySeedIsCompleteUnlessItIsNamedBad) {
